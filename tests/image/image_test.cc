@@ -15,8 +15,8 @@ void* MakeDib(const BITMAPINFOHEADER& header, const std::vector<unsigned char>& 
   size_t size = sizeof(header) + table.size() + pixels.size() + extra;
   unsigned char* block = static_cast<unsigned char*>(GlobalAlloc(GMEM_ZEROINIT, size));
   memcpy(block, &header, sizeof(header));
-  memcpy(block + sizeof(header), table.data(), table.size());
-  memcpy(block + sizeof(header) + table.size(), pixels.data(), pixels.size());
+  if (!table.empty()) memcpy(block + sizeof(header), table.data(), table.size());
+  if (!pixels.empty()) memcpy(block + sizeof(header) + table.size(), pixels.data(), pixels.size());
   return block;
 }
 

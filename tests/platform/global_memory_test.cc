@@ -43,7 +43,12 @@ TEST(GlobalMemory, ReAllocInPlaceLeavesTheBlockUntracked) {
   void* block = GlobalAlloc(0, 4000);
   void* shrunk = GlobalReAlloc(block, 100, 0);
   ASSERT_NE(nullptr, shrunk);
-  ASSERT_EQ(block, shrunk) << "glibc shrinks a small block in place";
+  if (shrunk != block) {
+    // Sanitizer allocators always move: then the size simply follows the block.
+    EXPECT_EQ(100u, GlobalSize(shrunk));
+    GlobalFree(shrunk);
+    return;
+  }
   EXPECT_FALSE(Tracked(shrunk));
   EXPECT_EQ(0u, GlobalSize(shrunk));
   GlobalFree(shrunk);
