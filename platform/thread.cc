@@ -40,7 +40,28 @@ void endthread(unsigned int) { pthread_exit(nullptr); }
 
 void ThreadExit() {}
 
-unsigned int GetCurrentThreadId() { return static_cast<unsigned int>(syscall(SYS_gettid)); }
+namespace {
+
+// The kernel id never changes for a thread, so it is asked for once per
+// thread. A forked child's thread has a new id: the fork handler forgets the
+// copied value in the child.
+thread_local unsigned int t_threadId = 0;
+
+void ForgetThreadIdInChild() { t_threadId = 0; }
+
+bool RegisterForkHandler() {
+  pthread_atfork(nullptr, nullptr, ForgetThreadIdInChild);
+  return true;
+}
+
+}  // namespace
+
+unsigned int GetCurrentThreadId() {
+  static const bool registered = RegisterForkHandler();
+  (void)registered;
+  if (t_threadId == 0) t_threadId = static_cast<unsigned int>(syscall(SYS_gettid));
+  return t_threadId;
+}
 
 unsigned int GetCurrentProcessId() { return static_cast<unsigned int>(getpid()); }
 

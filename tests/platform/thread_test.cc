@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -128,6 +129,16 @@ TEST(Thread, IdsAreKernelIds) {
   std::thread([&] { other = GetCurrentThreadId(); }).join();
   EXPECT_NE(0u, other);
   EXPECT_NE(GetCurrentThreadId(), other);
+}
+
+TEST(Thread, ThreadIdIsFreshInAForkedChild) {
+  unsigned int parent = GetCurrentThreadId();
+  pid_t child = fork();
+  if (child == 0) _exit(GetCurrentThreadId() == static_cast<unsigned int>(getpid()) ? 0 : 1);
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child must not keep the parent's id";
+  EXPECT_EQ(parent, GetCurrentThreadId());
 }
 
 TEST(Thread, InterlockedCountersAreAtomic) {
