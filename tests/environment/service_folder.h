@@ -1,0 +1,58 @@
+// Points the service environment's files at a fresh folder for one test and
+// restores them afterwards: the system configuration file, the user
+// configuration file and both log files.
+#pragma once
+
+#include <string>
+
+#include "environment/log.h"
+#include "environment/program_info.h"
+#include "platform/process_flags.h"
+#include "tests/common/temp_dir.h"
+#include "util/win_string.h"
+
+namespace qs_test {
+
+class ServiceFolder {
+ public:
+  explicit ServiceFolder(const std::string& configuration = "") {
+    const std::string current[] = {g_work_path, g_init_file, g_user_config_file, g_log_file, g_logs_file, g_szIniFile};
+    for (int i = 0; i < 6; ++i) saved_[i] = current[i];
+    savedService_ = GetIfServiceProcess();
+    savedScanning_ = GetIfScanningProcess();
+    g_work_path = dir_.path() + "/";
+    g_init_file = dir_ / "QSConfiguration.ini";
+    lstrcpyn(g_szIniFile, g_init_file.c_str(), sizeof(g_szIniFile));
+    g_user_config_file = dir_ / "user_config.ini";
+    g_log_file = dir_ / "qss.log";
+    g_logs_file = dir_ / "qsu.log";
+    if (!configuration.empty()) WriteFile(g_init_file, configuration);
+  }
+  ~ServiceFolder() {
+    g_work_path = saved_[0];
+    g_init_file = saved_[1];
+    g_user_config_file = saved_[2];
+    g_log_file = saved_[3];
+    g_logs_file = saved_[4];
+    lstrcpyn(g_szIniFile, saved_[5].c_str(), sizeof(g_szIniFile));
+    SetIfServiceProcess(savedService_);
+    SetIfScanningProcess(savedScanning_);
+    ChangeLogLevel(0);
+  }
+  ServiceFolder(const ServiceFolder&) = delete;
+  ServiceFolder& operator=(const ServiceFolder&) = delete;
+
+  const TempDir& dir() const { return dir_; }
+  std::string ServiceLog() const { return ReadWholeFile(g_log_file); }
+  std::string ScanningLog() const { return ReadWholeFile(g_logs_file); }
+  std::string Configuration() const { return ReadWholeFile(g_init_file); }
+  void SetConfiguration(const std::string& text) const { WriteFile(g_init_file, text); }
+
+ private:
+  TempDir dir_;
+  std::string saved_[6];
+  bool savedService_ = false;
+  bool savedScanning_ = false;
+};
+
+}  // namespace qs_test

@@ -1,0 +1,203 @@
+#include "ini/profile.h"
+
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ini/profile_cache.h"
+#include "tests/common/temp_dir.h"
+
+namespace {
+
+using qs_test::ReadWholeFile;
+using qs_test::TempDir;
+using qs_test::WriteFile;
+
+std::string Read(const std::string& file, const char* section, const char* key, const char* def = "",
+                 unsigned int size = 64, unsigned int* length = nullptr) {
+  std::string buffer(size, '#');
+  unsigned int n = GetPrivateProfileStringA(section, key, def, &buffer[0], size, file.c_str());
+  if (length != nullptr) *length = n;
+  return std::string(buffer.c_str());
+}
+
+TEST(GetPrivateProfileString, BoundedCopyDeliversSizeMinusTwo) {
+  TempDir dir;
+  std::string file = dir / "a.ini";
+  WriteFile(file, "[A]\nB=xyz\n");
+  unsigned int length = 0;
+  EXPECT_EQ("xyz", Read(file, "a", "b", "", 10, &length));
+  EXPECT_EQ(3u, length);
+
+  char buffer[3] = {'#', '#', '#'};
+  EXPECT_EQ(3u, GetPrivateProfileStringA("a", "b", "", buffer, 3, file.c_str()));
+  EXPECT_EQ('x', buffer[0]);
+  EXPECT_EQ('\0', buffer[1]);
+  EXPECT_EQ('#', buffer[2]) << "the last byte is not written";
+}
+
+TEST(GetPrivateProfileString, DefaultsAndEmptyValues) {
+  TempDir dir;
+  std::string file = dir / "a.ini";
+  WriteFile(file, "[S]\nk=\n");
+  unsigned int length = 99;
+  EXPECT_EQ("0", Read(file, "S", "missing", "0", 64, &length));
+  EXPECT_EQ(1u, length);
+  EXPECT_EQ("", Read(file, "S", "k", "0", 64, &length));
+  EXPECT_EQ(0u, length);
+  EXPECT_EQ("dflt", Read(dir / "none.ini", "S", "k", "dflt", 64, &length)) << "a missing file reads as empty";
+  EXPECT_EQ(4u, length);
+  EXPECT_EQ(5u, GetPrivateProfileStringA("S", "k", "hello", nullptr, 0, (dir / "none.ini").c_str()));
+  EXPECT_EQ(0u, GetPrivateProfileStringA(nullptr, nullptr, nullptr, nullptr, 0, nullptr));
+}
+
+TEST(WritePrivateProfileString, RewritesTheFileInTheDocumentFormat) {
+  TempDir dir;
+  std::string file = dir / "w.ini";
+  WriteFile(file, "#comment\n[z]\ny=1\n");
+  EXPECT_TRUE(WritePrivateProfileStringA("N", "k", "v", file.c_str()));
+  EXPECT_EQ("[N]\nk=v\n[z]\ny=1\n", ReadWholeFile(file));
+  EXPECT_TRUE(WritePrivateProfileStringA("Z", "Y", "2", file.c_str()));
+  EXPECT_EQ("[N]\nk=v\n[z]\ny=2\n", ReadWholeFile(file)) << "stored spellings are kept";
+  EXPECT_TRUE(WritePrivateProfileStringA(" T ", " key\t", " value ", file.c_str()));
+  EXPECT_EQ("[N]\nk=v\n[T]\nkey= value \n[z]\ny=2\n", ReadWholeFile(file));
+
+  std::string nowhere = dir / "missing/folder/w.ini";
+  EXPECT_TRUE(WritePrivateProfileStringA("S", "k", "v", nowhere.c_str()));
+  EXPECT_FALSE(qs_test::PathExists(dir / "missing"));
+}
+
+// ---- The document cache -------------------------------------------------------
+
+class ProfileCacheTest : public testing::Test {
+ protected:
+  void SetUp() override { ProfileCache::Instance().Clear(); }
+  std::string Value(const std::string& file) { return Read(file, "S", "k"); }
+};
+
+// Rewrites the file in place with the same size from another process, within
+// the same clock tick as the previous read: the stamp does not change, and the
+// next read must still see the new text.
+TEST_F(ProfileCacheTest, SameSizeEditByAnotherProcessIsSeenAtOnce) {
+  TempDir dir;
+  std::string file = dir / "c.ini";
+  WriteFile(file, "[S]\nk=aaaa\n");
+  EXPECT_EQ("aaaa", Value(file));
+  struct stat before;
+  stat(file.c_str(), &before);
+  pid_t child = fork();
+  if (child == 0) {
+    FILE* f = fopen(file.c_str(), "r+");
+    fwrite("[S]\nk=bbbb\n", 1, 11, f);
+    fclose(f);
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ("bbbb", Value(file));
+  struct stat after;
+  stat(file.c_str(), &after);
+  RecordProperty("same_mtime", before.st_mtim.tv_nsec == after.st_mtim.tv_nsec ? 1 : 0);
+}
+
+TEST_F(ProfileCacheTest, EditWithTheSameStampIsCaughtByTheRacyReread) {
+  TempDir dir;
+  std::string file = dir / "c.ini";
+  WriteFile(file, "[S]\nk=1111\n");
+  struct stat st;
+  stat(file.c_str(), &st);
+  EXPECT_EQ("1111", Value(file));
+  // Rewrite by hand and put the exact old modification time back: only the
+  // change time moves, which a coarse clock may not show either.
+  WriteFile(file, "[S]\nk=2222\n");
+  timespec times[2] = {st.st_atim, st.st_mtim};
+  utimensat(AT_FDCWD, file.c_str(), times, 0);
+  EXPECT_EQ("2222", Value(file));
+}
+
+TEST_F(ProfileCacheTest, ReplacedFileIsSeen) {
+  TempDir dir;
+  std::string file = dir / "c.ini";
+  WriteFile(file, "[S]\nk=old\n");
+  EXPECT_EQ("old", Value(file));
+  WriteFile(dir / "next.ini", "[S]\nk=new\n");
+  ASSERT_EQ(0, rename((dir / "next.ini").c_str(), file.c_str()));
+  EXPECT_EQ("new", Value(file));
+  unlink(file.c_str());
+  EXPECT_EQ("", Value(file)) << "a removed file reads as empty";
+  WriteFile(file, "[S]\nk=back\n");
+  EXPECT_EQ("back", Value(file));
+}
+
+TEST_F(ProfileCacheTest, OldUnchangedFileIsReusedWithoutReading) {
+  TempDir dir;
+  std::string file = dir / "c.ini";
+  WriteFile(file, "[S]\nk=v\n");
+  timespec past[2] = {{time(nullptr) - 100, 0}, {time(nullptr) - 100, 0}};
+  utimensat(AT_FDCWD, file.c_str(), past, 0);
+  ProfileCache::Stats start = ProfileCache::Instance().GetStats();
+  for (int i = 0; i < 5; ++i) EXPECT_EQ("v", Value(file));
+  ProfileCache::Stats end = ProfileCache::Instance().GetStats();
+  EXPECT_EQ(1u, end.parses - start.parses);
+  EXPECT_EQ(4u, end.hits - start.hits);
+  EXPECT_EQ(0u, end.racyRereads - start.racyRereads);
+
+  // A fresh file is racily clean: it is read again (not parsed) on each use.
+  WriteFile(file, "[S]\nk=w\n");
+  start = ProfileCache::Instance().GetStats();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ("w", Value(file));
+  end = ProfileCache::Instance().GetStats();
+  EXPECT_EQ(1u, end.parses - start.parses);
+  EXPECT_EQ(2u, end.racyRereads - start.racyRereads);
+}
+
+TEST_F(ProfileCacheTest, OwnWritesAreSeenByTheNextRead) {
+  TempDir dir;
+  std::string file = dir / "c.ini";
+  for (int i = 0; i < 20; ++i) {
+    std::string value = std::to_string(i);
+    WritePrivateProfileStringA("S", "k", value.c_str(), file.c_str());
+    ASSERT_EQ(value, Value(file));
+  }
+}
+
+TEST_F(ProfileCacheTest, ConcurrentReadersAndAWriter) {
+  TempDir dir;
+  std::string file = dir / "c.ini";
+  WriteFile(file, "[S]\nk=0\n");
+  // Callers serialise writers against readers (the service does so with its
+  // configuration lock); the cache itself must stay consistent under that.
+  std::shared_mutex callers;
+  std::atomic<int> bad{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t) {
+    readers.emplace_back([&] {
+      for (int i = 0; i < 300; ++i) {
+        std::shared_lock<std::shared_mutex> hold(callers);
+        std::string v = Read(file, "S", "k");
+        if (v.empty() || v.find_first_not_of("0123456789") != std::string::npos) ++bad;
+        hold.unlock();
+        std::this_thread::yield();
+      }
+    });
+  }
+  for (int i = 1; i <= 200; ++i) {
+    std::string value = std::to_string(i);
+    std::unique_lock<std::shared_mutex> hold(callers);
+    WritePrivateProfileStringA("S", "k", value.c_str(), file.c_str());
+  }
+  for (auto& t : readers) t.join();
+  EXPECT_EQ(0, bad.load());
+  EXPECT_EQ("200", Value(file));
+}
+
+}  // namespace
