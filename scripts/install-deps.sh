@@ -8,7 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libutfcpp-dev libjsoncpp-dev zip unzip
+  libutfcpp-dev libjsoncpp-dev libminizip-dev zlib1g-dev zip unzip python3
   "$@"
 )
 

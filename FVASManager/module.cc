@@ -1,0 +1,2 @@
+// The plug-in shared library: everything it exports comes from the libraries
+// linked into it whole (see CMakeLists.txt).
