@@ -22,6 +22,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "tests/common/temp_dir.h"
+
 namespace qs_test {
 
 inline bool InOwnFolder() { return getenv("QS_TEST_OWN_FOLDER") != nullptr; }
@@ -87,3 +89,17 @@ inline int RunInOwnFolder(const std::string& folder, std::string* output = nullp
 }
 
 }  // namespace qs_test
+
+// A test whose whole body runs in a copy of this binary inside a fresh folder
+// of its own (see RunInOwnFolder); the folder is removed afterwards.
+#define TEST_IN_OWN_FOLDER(suite, name)                              \
+  void suite##_##name##_InOwnFolder();                               \
+  TEST(suite, name) {                                                \
+    if (qs_test::InOwnFolder()) {                                    \
+      suite##_##name##_InOwnFolder();                                \
+      return;                                                        \
+    }                                                                \
+    qs_test::TempDir ownFolder;                                      \
+    ASSERT_EQ(0, qs_test::RunInOwnFolder(ownFolder.path()));         \
+  }                                                                  \
+  void suite##_##name##_InOwnFolder()

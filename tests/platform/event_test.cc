@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
@@ -15,81 +16,67 @@
 
 namespace {
 
-// Closes an event at the end of a scope.
-struct EventCloser {
-  void* event;
-  ~EventCloser() { CloseEvent(event); }
-};
+// An event closed (and its name unlinked) at the end of the scope.
+using Event = std::unique_ptr<void, void (*)(void*)>;
+Event MakeEvent(signed char manualReset, signed char initialState, const char* name = nullptr) {
+  return Event(CreateEvent(nullptr, manualReset, initialState, name), CloseEvent);
+}
 
-TEST(Event, AutoResetEventCountsSignals) {
-  void* event = CreateEvent(nullptr, 0, 0, nullptr);
+// Runs `fn` with standard output captured and returns what it printed.
+template <typename F>
+std::string Printed(F fn) {
+  static F* current;
+  current = &fn;
+  return qs_test::CaptureStdout([](void*) { (*current)(); }, nullptr);
+}
+
+TEST(Event, AutoResetEventCountsSignalsAndZeroTimeoutNeverSucceeds) {
+  Event event = MakeEvent(0, 1);
   ASSERT_NE(nullptr, event);
-  EventCloser closer{event};
-  EXPECT_EQ(1, SetEvent(event));
-  EXPECT_EQ(1, SetEvent(event));
-  EXPECT_EQ(0u, WaitForEvent(event, 10));
-  EXPECT_EQ(0u, WaitForEvent(event, 10));
-  EXPECT_EQ(258u, WaitForEvent(event, 10));
-}
-
-TEST(Event, InitialStateIsOnePendingSignal) {
-  void* event = CreateEvent(nullptr, 0, 1, nullptr);
-  EventCloser closer{event};
-  EXPECT_EQ(0u, WaitForEvent(event, 10));
-  EXPECT_EQ(258u, WaitForEvent(event, 10));
-}
-
-TEST(Event, ZeroTimeoutNeverSucceeds) {
-  void* event = CreateEvent(nullptr, 0, 1, nullptr);
-  EventCloser closer{event};
-  EXPECT_EQ(258u, WaitForEvent(event, 0));
-  EXPECT_EQ(0u, WaitForEvent(event, 10)) << "the zero-timeout poll must not have taken the signal";
+  EXPECT_EQ(258u, WaitForEvent(event.get(), 0)) << "not even with the initial signal pending";
+  EXPECT_EQ(1, SetEvent(event.get()));
+  EXPECT_EQ(1, SetEvent(event.get()));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(0u, WaitForEvent(event.get(), 10)) << "initial state and two sets: " << i;
+  EXPECT_EQ(258u, WaitForEvent(event.get(), 10));
 }
 
 // The budget is timeout x 1,000,000 in 32 bits: 67,108,864 ms wraps to exactly
 // 0 and behaves like a zero timeout, 5,000 ms to about 705 ms.
 TEST(Event, BudgetWrapsIn32Bits) {
-  void* event = CreateEvent(nullptr, 0, 1, nullptr);
-  EventCloser closer{event};
-  EXPECT_EQ(258u, WaitForEvent(event, 67108864u));
-
-  void* idle = CreateEvent(nullptr, 0, 0, nullptr);
-  EventCloser idleCloser{idle};
+  Event set = MakeEvent(0, 1), idle = MakeEvent(0, 0);
+  EXPECT_EQ(258u, WaitForEvent(set.get(), 67108864u));
   unsigned int start = GetTickCount();
-  EXPECT_EQ(258u, WaitForEvent(idle, 5000));
+  EXPECT_EQ(258u, WaitForEvent(idle.get(), 5000));
   unsigned int took = GetTickCount() - start;
   EXPECT_GE(took, 690u);
   EXPECT_LT(took, 3000u) << "a 5000 ms wait gives up after about 705 ms";
 }
 
 TEST(Event, ManualResetLetsOneWaiterThroughAndSwallowsOneMoreSignal) {
-  void* event = CreateEvent(nullptr, 1, 0, nullptr);
-  EventCloser closer{event};
-  SetEvent(event);
-  SetEvent(event);
-  EXPECT_EQ(0u, WaitForEvent(event, 10));
-  EXPECT_EQ(258u, WaitForEvent(event, 10)) << "the second signal was swallowed";
+  Event event = MakeEvent(1, 0);
+  SetEvent(event.get());
+  SetEvent(event.get());
+  EXPECT_EQ(0u, WaitForEvent(event.get(), 10));
+  EXPECT_EQ(258u, WaitForEvent(event.get(), 10)) << "the second signal was swallowed";
 }
 
 TEST(Event, ResetTakesAwayAtMostOneSignal) {
-  void* event = CreateEvent(nullptr, 0, 0, nullptr);
-  EventCloser closer{event};
-  EXPECT_EQ(1, ResetEvent(event)) << "nothing pending is still success";
-  SetEvent(event);
-  SetEvent(event);
-  EXPECT_EQ(1, ResetEvent(event));
-  EXPECT_EQ(0u, WaitForEvent(event, 10));
-  EXPECT_EQ(258u, WaitForEvent(event, 10));
+  Event event = MakeEvent(0, 0);
+  EXPECT_EQ(1, ResetEvent(event.get())) << "nothing pending is still success";
+  SetEvent(event.get());
+  SetEvent(event.get());
+  EXPECT_EQ(1, ResetEvent(event.get()));
+  EXPECT_EQ(0u, WaitForEvent(event.get(), 10));
+  EXPECT_EQ(258u, WaitForEvent(event.get(), 10));
 }
 
 TEST(Event, InfiniteWaitWakesOnAnotherThreadsSignal) {
-  void* event = CreateEvent(nullptr, 0, 0, nullptr);
-  EventCloser closer{event};
+  Event event = MakeEvent(0, 0);
   std::thread setter([&] {
     Sleep(30);
-    SetEvent(event);
+    SetEvent(event.get());
   });
-  EXPECT_EQ(0u, WaitForEvent(event, INFINITE));
+  EXPECT_EQ(0u, WaitForEvent(event.get(), INFINITE));
   setter.join();
 }
 
@@ -100,88 +87,61 @@ TEST(Event, NullHandles) {
   EXPECT_EQ(1, ResetEvent(nullptr));
   EXPECT_EQ(0u, WaitForEvents(0, nullptr, true, 10));
   CloseEvent(nullptr);
-  EXPECT_EQ(nullptr, GetEventName(nullptr));
 }
 
-TEST(Event, AutomaticNamesCarryPidCounterAndSeed) {
+TEST(Event, NamesAutomaticOrCutTo31Characters) {
   SetGlobalSeed(77);
-  void* first = CreateEvent(nullptr, 0, 0, nullptr);
-  void* second = CreateEvent(nullptr, 0, 0, nullptr);
-  EventCloser c1{first}, c2{second};
-  std::smatch m1, m2;
-  std::string n1 = GetEventName(first), n2 = GetEventName(second);
+  Event first = MakeEvent(0, 0), second = MakeEvent(0, 0);
+  SetGlobalSeed(0);
   const std::regex pattern("ce0" + std::to_string(getpid()) + "_([0-9]+)_77");
+  std::string n1 = GetEventName(first.get()), n2 = GetEventName(second.get());
+  std::smatch m1, m2;
   ASSERT_TRUE(std::regex_match(n1, m1, pattern)) << n1;
   ASSERT_TRUE(std::regex_match(n2, m2, pattern)) << n2;
-  EXPECT_EQ(std::stoul(m1[1]) + 1, std::stoul(m2[1]));
+  EXPECT_EQ(std::stoul(m1[1]) + 1, std::stoul(m2[1])) << "a process-wide counter";
   EXPECT_TRUE(qs_test::SemaphoreExists(n1));
-  SetGlobalSeed(0);
-}
 
-TEST(Event, GivenNamesKeepAtMost31Characters) {
   std::string longName = "qs_evt_" + std::to_string(getpid()) + "_abcdefghijklmnopqrstuvwxyz0123456789";
-  void* event = CreateEvent(nullptr, 0, 0, longName.c_str());
-  ASSERT_NE(nullptr, event);
-  EXPECT_EQ(longName.substr(0, 31), GetEventName(event));
-  CloseEvent(event);
-  EXPECT_FALSE(qs_test::SemaphoreExists(longName.substr(0, 31)));
+  Event named = MakeEvent(0, 0, longName.c_str());
+  EXPECT_EQ(longName.substr(0, 31), GetEventName(named.get()));
+  named.reset();
+  EXPECT_FALSE(qs_test::SemaphoreExists(longName.substr(0, 31))) << "closing unlinks the name";
 }
 
-TEST(Event, CreateRefusesAnExistingNameAndPrintsTheFailure) {
-  static std::string name;
-  name = "qs_evt_dup_" + std::to_string(getpid());
-  void* event = CreateEvent(nullptr, 0, 0, name.c_str());
-  ASSERT_NE(nullptr, event);
-  static void* second;
-  std::string printed = qs_test::CaptureStdout([](void*) { second = CreateEvent(nullptr, 0, 0, name.c_str()); }, nullptr);
-  EXPECT_EQ(nullptr, second);
-  EXPECT_EQ("CreateEvent sem_open failed " + std::to_string(EEXIST) + " name " + name + "\n", printed);
-  CloseEvent(event);
-}
+TEST(Event, CreateRefusesAnExistingNameAndOpenFailsAfterClose) {
+  const std::string name = "qs_evt_open_" + std::to_string(getpid());
+  Event created = MakeEvent(1, 0, name.c_str());
+  ASSERT_NE(nullptr, created);
+  void* again = nullptr;
+  EXPECT_EQ("CreateEvent sem_open failed " + std::to_string(EEXIST) + " name " + name + "\n",
+            Printed([&] { again = CreateEvent(nullptr, 0, 0, name.c_str()); }));
+  EXPECT_EQ(nullptr, again);
 
-// OpenEvent shares the semaphore; CloseEvent unlinks the name, so opening it
-// again afterwards fails.
-TEST(Event, OpenSharesTheSemaphoreUntilCloseUnlinksIt) {
-  static std::string name;
-  name = "qs_evt_open_" + std::to_string(getpid());
-  void* created = CreateEvent(nullptr, 1, 0, name.c_str());
-  void* opened = OpenEvent(0, 0, name.c_str());
+  // OpenEvent shares the semaphore in an auto-reset record.
+  Event opened(OpenEvent(0, 0, name.c_str()), CloseEvent);
   ASSERT_NE(nullptr, opened);
-  EXPECT_EQ(name, GetEventName(opened));
-  SetEvent(opened);
-  SetEvent(opened);
-  EXPECT_EQ(0u, WaitForEvent(opened, 10));
-  EXPECT_EQ(0u, WaitForEvent(created, 10)) << "the opened record is auto-reset: it swallowed nothing";
-  CloseEvent(created);
+  EXPECT_EQ(name, GetEventName(opened.get()));
+  SetEvent(opened.get());
+  SetEvent(opened.get());
+  EXPECT_EQ(0u, WaitForEvent(opened.get(), 10));
+  EXPECT_EQ(0u, WaitForEvent(created.get(), 10)) << "the opened record swallowed nothing";
+  created.reset();
   EXPECT_FALSE(qs_test::SemaphoreExists(name));
-  static void* again;
-  std::string printed = qs_test::CaptureStdout([](void*) { again = OpenEvent(0, 0, name.c_str()); }, nullptr);
+  EXPECT_EQ("OpenEvent sem_open failed " + std::to_string(ENOENT) + "\n",
+            Printed([&] { again = OpenEvent(0, 0, name.c_str()); }));
   EXPECT_EQ(nullptr, again);
-  EXPECT_EQ("OpenEvent sem_open failed " + std::to_string(ENOENT) + "\n", printed);
-  CloseEvent(opened);
-
-  std::string nullName = qs_test::CaptureStdout([](void*) { again = OpenEvent(0, 0, nullptr); }, nullptr);
-  EXPECT_EQ(nullptr, again);
-  EXPECT_EQ("OpenEvent sem_open failed " + std::to_string(EINVAL) + "\n", nullName);
 }
 
-TEST(Semaphore, ReleasePostsOnceWhateverTheCount) {
+// Semaphores keep their name on close: the automatic ones are unlinked here.
+TEST(Semaphore, ReleasePostsOnceAndFiniteWaitsFailWith0xFFFFFFFF) {
   int previous = -7;
   void* sem = CreateSemaphore(nullptr, 0, 10, nullptr);
   ASSERT_NE(nullptr, sem);
   EXPECT_EQ(1, ReleaseSemaphore(sem, 5, &previous));
   EXPECT_EQ(-7, previous);
   EXPECT_EQ(0u, WaitForSemaphone(sem, 0));
-  EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(sem, 0));
-  CloseSemaphore(sem);
-  qs_test::UnlinkOwnAutoSemaphores();
-}
-
-// Timeout 20 polls in 2 ms steps and reports 0xFFFFFFFF, not 258.
-TEST(Semaphore, FiniteWaitTimesOutWithFailureCode) {
-  void* sem = CreateSemaphore(nullptr, 0, 1, nullptr);
   unsigned int start = GetTickCount();
-  EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(sem, 20));
+  EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(sem, 20)) << "one post whatever the count; timed out is not 258";
   unsigned int took = GetTickCount() - start;
   EXPECT_GE(took, 19u);
   EXPECT_LT(took, 1000u);
@@ -201,20 +161,17 @@ TEST(Semaphore, InfiniteWaitBlocksUntilReleased) {
   qs_test::UnlinkOwnAutoSemaphores();
 }
 
-TEST(Semaphore, CloseLeavesTheNameInPlace) {
+TEST(Semaphore, CloseLeavesTheNameInPlaceAndNullHandlesFail) {
   std::string name = "qs_sem_keep_" + std::to_string(getpid());
   void* sem = CreateSemaphore(nullptr, 2, 2, &name[0]);
   ASSERT_NE(nullptr, sem);
   CloseSemaphore(sem);
   EXPECT_TRUE(qs_test::SemaphoreExists(name));
   sem_unlink(name.c_str());
-}
 
-TEST(Semaphore, NullHandles) {
   EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(nullptr, 10));
-  EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(nullptr, INFINITE));
-  std::string printed = qs_test::CaptureStdout([](void*) { EXPECT_EQ(1, ReleaseSemaphore(nullptr, 1, nullptr)); }, nullptr);
-  EXPECT_EQ("sem_post failed " + std::to_string(EINVAL) + "\n", printed);
+  EXPECT_EQ("sem_post failed " + std::to_string(EINVAL) + "\n",
+            Printed([] { EXPECT_EQ(1, ReleaseSemaphore(nullptr, 1, nullptr)); }));
   CloseSemaphore(nullptr);
 }
 

@@ -22,41 +22,28 @@
 
 namespace {
 
-std::string WriteTempFile(const std::string& text) {
-  char path[] = "/tmp/qs_status_XXXXXX";
-  int fd = mkstemp(path);
-  EXPECT_GE(fd, 0);
-  EXPECT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
-  close(fd);
-  return path;
-}
-
 TEST(Process, ParseLineCutsTheUnitAndReadsTheNumber) {
   char status[] = "VmRSS:\t    2048 kB\n";
   EXPECT_EQ(2048, parseLine(status));
-
-  // The cut lands (length - 3) characters after the first digit.
   char netstat[] = "1234/firefox\n";
   EXPECT_EQ(1234, parseLineLinux(netstat));
-  EXPECT_STREQ("1234/firef", netstat);
-
-  char shortLine[] = "7";
-  EXPECT_EQ(7, parseLine(shortLine));
+  EXPECT_STREQ("1234/firef", netstat) << "cut (length - 3) characters after the first digit";
   char noDigit[] = "VmRSS: kB\n";
   EXPECT_EQ(0, parseLine(noDigit));
-  EXPECT_EQ(0, parseLine(nullptr));
 }
 
 TEST(Process, ResidentSizeComesFromTheVmRssLine) {
-  std::string path = WriteTempFile("Name:\tx\nVmSize:\t  9999 kB\nVmRSS:\t    2048 kB\nThreads:\t1\n");
-  EXPECT_EQ(2097152u, GetVmRssFromStatusFile(path.c_str()));
-  unlink(path.c_str());
-
-  std::string none = WriteTempFile("Name:\tx\nVmSize:\t  9999 kB\n");
-  EXPECT_EQ(0u, GetVmRssFromStatusFile(none.c_str()));
-  unlink(none.c_str());
+  const struct { const char* text; unsigned int bytes; } cases[] = {
+      {"Name:\tx\nVmSize:\t  9999 kB\nVmRSS:\t    2048 kB\nThreads:\t1\n", 2097152u}, {"Name:\tx\nVmSize:\t 9 kB\n", 0}};
+  for (const auto& c : cases) {
+    char path[] = "/tmp/qs_status_XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_EQ(static_cast<ssize_t>(strlen(c.text)), write(fd, c.text, strlen(c.text)));
+    close(fd);
+    EXPECT_EQ(c.bytes, GetVmRssFromStatusFile(path)) << c.text;
+    unlink(path);
+  }
   EXPECT_EQ(0u, GetVmRssFromStatusFile("/nonexistent/status"));
-
   unsigned int rss = GetCurrentProcessVirtualMemSize();
   EXPECT_GT(rss, 0u);
   EXPECT_EQ(0u, rss % 1024);
@@ -72,8 +59,7 @@ TEST(Process, TerminateProcessDoesNotReliablyEndTheProcess) {
   }
   int status = 0;
   ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(42, WEXITSTATUS(status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 42) << status;
 }
 
 TEST(Process, LoginUserIsCopiedOrTheFailureIsPrinted) {
@@ -82,17 +68,11 @@ TEST(Process, LoginUserIsCopiedOrTheFailureIsPrinted) {
   char expected[1024] = {0};
   bool known = getlogin_r(expected, sizeof(expected)) == 0;
   std::string printed = qs_test::CaptureStdout([](void*) { GetLoginUser(out); }, nullptr);
-  if (known) {
-    EXPECT_STREQ(expected, out);
-    EXPECT_EQ("", printed);
-  } else {
-    EXPECT_STREQ("unchanged", out);
-    EXPECT_EQ("getlogin_r failed.\n", printed);
-  }
-  GetLoginUser(nullptr);
+  EXPECT_STREQ(known ? expected : "unchanged", out);
+  EXPECT_EQ(known ? "" : "getlogin_r failed.\n", printed);
 }
 
-TEST(Library, LoadResolveAndFree) {
+TEST(Library, LoadResolveFreeAndClearTheLoaderError) {
   void* libc = LoadLibrary("libc.so.6");
   ASSERT_NE(nullptr, libc);
   EXPECT_NE(nullptr, GetProcAddress(libc, "strlen"));
@@ -100,9 +80,7 @@ TEST(Library, LoadResolveAndFree) {
   EXPECT_EQ(nullptr, GetProcAddress(nullptr, "strlen"));
   FreeLibrary(libc);
   FreeLibrary(nullptr);
-}
-
-TEST(Library, FailedLoadClearsTheLoaderError) {
+  dlerror();
   EXPECT_EQ(nullptr, LoadLibrary("/nonexistent/libnothing.so"));
   EXPECT_EQ(nullptr, dlerror()) << "the error must already have been taken";
 }
@@ -115,16 +93,11 @@ int Measure(const char* format, ...) {
   return n;
 }
 
-TEST(Format, VscprintfCountsWithoutTheTerminator) {
-  EXPECT_EQ(8, Measure("abc%d", 12345));
-  EXPECT_EQ(0, Measure(""));
+TEST(Format, VscprintfAtoi64AndLastError) {
+  EXPECT_EQ(8, Measure("abc%d", 12345)) << "without the terminator";
   EXPECT_EQ(1030, Measure("%1030s", "x"));
-}
-
-TEST(Format, Atoi64AndLastError) {
   EXPECT_EQ(LLONG_MIN, _atoi64("-9223372036854775808"));
   EXPECT_EQ(12, _atoi64("12abc"));
-  EXPECT_EQ(0, _atoi64("abc"));
   errno = 13;
   EXPECT_EQ(13u, GetLastError());
 }
@@ -132,38 +105,29 @@ TEST(Format, Atoi64AndLastError) {
 TEST(ProcessFlags, StoreAndReturn) {
   SetGlobalSeed(-5);
   EXPECT_EQ(-5, GetGlobalSeed());
-  SetIfServiceProcess(true);
-  EXPECT_TRUE(GetIfServiceProcess());
-  SetIfScanningProcess(true);
-  EXPECT_TRUE(GetIfScanningProcess());
+  SetGlobalSeed(0);
+  for (bool value : {true, false}) {
+    SetIfServiceProcess(value);
+    SetIfScanningProcess(!value);
+    SetExitFlag(value);
+    EXPECT_EQ(value, GetIfServiceProcess());
+    EXPECT_EQ(!value, GetIfScanningProcess());
+    EXPECT_EQ(value, GetExitFlag());
+  }
   SetIfScanningProcess(false);
-  EXPECT_FALSE(GetIfScanningProcess());
-  SetExitFlag(true);
-  EXPECT_TRUE(GetExitFlag());
-  SetExitFlag(false);
-  EXPECT_FALSE(GetExitFlag());
 }
 
 // Reading the exit flag takes glock's writer lock, so it waits for a reader.
 TEST(ProcessFlags, GetExitFlagTakesTheWriterLock) {
-  std::atomic<bool> readerHolds{false};
-  std::atomic<bool> releaseReader{false};
+  glock.AcquireReaderLock(INFINITE);
   std::atomic<bool> gotFlag{false};
-  std::thread reader([&] {
-    glock.AcquireReaderLock(INFINITE);
-    readerHolds = true;
-    while (!releaseReader) usleep(1000);
-    glock.ReleaseReaderLock();
-  });
-  while (!readerHolds) usleep(1000);
   std::thread getter([&] {
     GetExitFlag();
     gotFlag = true;
   });
   usleep(100 * 1000);
   EXPECT_FALSE(gotFlag.load());
-  releaseReader = true;
-  reader.join();
+  glock.ReleaseReaderLock();
   getter.join();
   EXPECT_TRUE(gotFlag.load());
 }
