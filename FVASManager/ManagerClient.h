@@ -133,6 +133,9 @@ class ManagerClient {
   size_t FunctionCount() const { return m_functionMap.size(); }
 
  private:
+  // -2373 "Quintaris Service is updating, please wait." (noted and logged).
+  HttpParamRequest* AnswerUpdateInProgress(HttpParamRequest* pParam);
+
   std::map<std::string, Handler> m_functionMap;
   int m_nErrorCode = 0;
   char m_szErrorInfo[1024] = {0};

@@ -68,6 +68,13 @@ std::string JoinError(const char* what, const char* description, unsigned int er
 
 }  // namespace
 
+HttpParamRequest* ManagerClient::AnswerUpdateInProgress(HttpParamRequest* pParam) {
+  const std::string text = Format("%s %s", kServiceDisplayName, kMsgIsUpdating);
+  SetErrorInfo(kErrIsUpdating, text.c_str());
+  LogErr("%s", text.c_str());
+  return pParam->GetBOOLResultStruct(false, nullptr, 0, kErrIsUpdating, text);
+}
+
 bool ManagerClient::CheckIfUpdate() { return GetConfigurationfromInitFile("IfUpdate", "0", nullptr) == "1"; }
 
 bool ManagerClient::CheckIfAlreadyNewVersion(const std::string& version) {
@@ -164,12 +171,7 @@ HttpParamRequest* ManagerClient::LoadZipFromBytes(HttpParamRequest* pParam) {
   std::string destination = ModuleFolder();
   std::string versionFolder;
   if (type == 1) {
-    if (CheckIfUpdate()) {
-      const std::string text = Format("%s %s", kServiceDisplayName, kMsgIsUpdating);
-      SetErrorInfo(kErrIsUpdating, text.c_str());
-      LogErr("%s", text.c_str());
-      return pParam->GetBOOLResultStruct(false, nullptr, 0, kErrIsUpdating, text);
-    }
+    if (CheckIfUpdate()) return AnswerUpdateInProgress(pParam);
     if (CheckIfAlreadyNewVersion(version)) return pParam->GetBOOLResultStruct(true, nullptr, 0, 0, kEmptyText);
     versionFolder = Format("%sUpdate_%s%s", cachePath.c_str(), version.c_str(), "/");
     destination = versionFolder;
@@ -235,12 +237,7 @@ HttpParamRequest* ManagerClient::CheckUpdateFile(HttpParamRequest* pParam) {
     JsonCommand::GetUTF8String(parameters[0], &version);
   }
 
-  if (CheckIfUpdate()) {
-    const std::string text = Format("%s %s", kServiceDisplayName, kMsgIsUpdating);
-    SetErrorInfo(kErrIsUpdating, text.c_str());
-    LogErr("%s", text.c_str());
-    return pParam->GetBOOLResultStruct(false, nullptr, 0, kErrIsUpdating, text);
-  }
+  if (CheckIfUpdate()) return AnswerUpdateInProgress(pParam);
   if (CheckIfAlreadyNewVersion(version)) return pParam->GetBOOLResultStruct(true, nullptr, 0, 0, kEmptyText);
 
   const std::string package = Format("%sService_%s.zip", ModuleFolder().c_str(), version.c_str());

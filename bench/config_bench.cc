@@ -15,50 +15,30 @@
 #include <fstream>
 #include <string>
 
+#include "bench/service_folder.h"
 #include "environment/log.h"
 #include "environment/program_info.h"
 #include "ini/ini_file.h"
-#include "util/win_string.h"
 
 namespace {
 
-// A configuration file of realistic size, with an old modification time so
-// that the cache treats it as settled.
-class ConfigurationFolder {
- public:
-  ConfigurationFolder() {
-    char pattern[] = "/tmp/qs_bench_XXXXXX";
-    folder_ = mkdtemp(pattern);
-    file_ = folder_ + "/QSConfiguration.ini";
-    std::ofstream out(file_);
-    out << "[QS]\nLogLevel=6\nServer=\nEnableScannerAccessAuth=FALSE\nEnableFileAccessAuth=FALSE\n"
-           "EnableWebcamAccessAuth=FALSE\nEnableCORSAll=TRUE\nEnableEnhancedMode=FALSE\nListenType=\n"
-           "ServiceName=Quintaris Service\nQSVersion=14,3,3,1212\nIfUpdate=0\nPort=3\nSSLPort=3\n";
-    for (int i = 0; i < 3; ++i) {
-      out << "Port_mn_" << i << "=module" << i << "\nPort_mp_" << i << "=" << 18625 + i << "\n";
-      out << "SSLPort_mn_" << i << "=module" << i << "\nSSLPort_mp_" << i << "=" << 18626 + i << "\n";
-    }
-    out.close();
-    timespec past[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
-    utimensat(AT_FDCWD, file_.c_str(), past, 0);
-    g_init_file = file_;
-    lstrcpyn(g_szIniFile, file_.c_str(), sizeof(g_szIniFile));
-    g_log_file = folder_ + "/qss.log";
+// A configuration file of realistic size.
+std::string Configuration() {
+  std::string text =
+      "[QS]\nLogLevel=6\nServer=\nEnableScannerAccessAuth=FALSE\nEnableFileAccessAuth=FALSE\n"
+      "EnableWebcamAccessAuth=FALSE\nEnableCORSAll=TRUE\nEnableEnhancedMode=FALSE\nListenType=\n"
+      "ServiceName=Quintaris Service\nQSVersion=14,3,3,1212\nIfUpdate=0\nPort=3\nSSLPort=3\n";
+  for (int i = 0; i < 3; ++i) {
+    text += "Port_mn_" + std::to_string(i) + "=module" + std::to_string(i) + "\nPort_mp_" + std::to_string(i) + "=" +
+            std::to_string(18625 + i) + "\n";
+    text += "SSLPort_mn_" + std::to_string(i) + "=module" + std::to_string(i) + "\nSSLPort_mp_" +
+            std::to_string(i) + "=" + std::to_string(18626 + i) + "\n";
   }
-  ~ConfigurationFolder() {
-    unlink(file_.c_str());
-    unlink((folder_ + "/qss.log").c_str());
-    rmdir(folder_.c_str());
-  }
-  const std::string& file() const { return file_; }
+  return text;
+}
 
- private:
-  std::string folder_;
-  std::string file_;
-};
-
-ConfigurationFolder& Folder() {
-  static ConfigurationFolder folder;
+BenchServiceFolder& Folder() {
+  static BenchServiceFolder folder(Configuration());
   return folder;
 }
 

@@ -18,11 +18,11 @@
 #include <fstream>
 #include <string>
 
+#include "bench/service_folder.h"
 #include "FVASManager/exports.h"
 #include "environment/log.h"
 #include "environment/program_info.h"
 #include "ini/profile_cache.h"
-#include "util/win_string.h"
 
 namespace {
 
@@ -35,34 +35,10 @@ signed char Capture(int, void*, char const* text, void const*, unsigned int, cha
   return 1;
 }
 
-class ServiceFolder {
- public:
-  ServiceFolder() {
-    char pattern[] = "/tmp/qs_module_bench_XXXXXX";
-    folder_ = mkdtemp(pattern);
-    file_ = folder_ + "/QSConfiguration.ini";
-    std::ofstream(file_) << "[QS]\nLogLevel=6\nServer=\nEnableCORSAll=TRUE\nEnableEnhancedMode=FALSE\n"
-                            "ServiceName=Quintaris Service\nQSVersion=14,3,3,1212\n";
-    timespec past[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
-    utimensat(AT_FDCWD, file_.c_str(), past, 0);
-    g_init_file = file_;
-    lstrcpyn(g_szIniFile, file_.c_str(), sizeof(g_szIniFile));
-    g_log_file = folder_ + "/qss.log";
-  }
-  ~ServiceFolder() {
-    unlink(file_.c_str());
-    unlink((folder_ + "/qss.log").c_str());
-    rmdir(folder_.c_str());
-  }
-  const std::string& file() const { return file_; }
-
- private:
-  std::string folder_;
-  std::string file_;
-};
-
-ServiceFolder& Folder() {
-  static ServiceFolder folder;
+BenchServiceFolder& Folder() {
+  static BenchServiceFolder folder(
+      "[QS]\nLogLevel=6\nServer=\nEnableCORSAll=TRUE\nEnableEnhancedMode=FALSE\n"
+      "ServiceName=Quintaris Service\nQSVersion=14,3,3,1212\n");
   return folder;
 }
 

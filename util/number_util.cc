@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "platform/system_time.h"
 #include "util/util.h"
 
 namespace {
@@ -119,17 +120,8 @@ int CUtil::GetSupportedImageType(const unsigned char* bytes, unsigned int length
 }
 
 _SYSTEMTIME CUtil::GetLocalTime() {
-  time_t now = time(nullptr);
-  tm local{};
-  localtime_r(&now, &local);
   _SYSTEMTIME st{};
-  st.wYear = static_cast<uint16_t>(local.tm_year + 1900);
-  st.wMonth = static_cast<uint16_t>(local.tm_mon + 1);
-  st.wDayOfWeek = 0;
-  st.wDay = static_cast<uint16_t>(local.tm_mday);
-  st.wHour = static_cast<uint16_t>(local.tm_hour);
-  st.wMinute = static_cast<uint16_t>(local.tm_min);
-  st.wSecond = static_cast<uint16_t>(local.tm_sec);
+  ConvertTimeToSystemTime(st, static_cast<long>(time(nullptr)));
   st.wMilliseconds = 0;
   return st;
 }
