@@ -3,6 +3,7 @@
 #include <cstring>
 #include <ctime>
 #include <sstream>
+#include <string_view>
 
 #include "ini/profile_cache.h"
 #include "util/win_string.h"
@@ -46,16 +47,16 @@ ProfileCache::Stamp ProfileCache::StampOf(const struct stat& st) {
   return stamp;
 }
 
-std::shared_ptr<const CIniFileA> ProfileCache::Get(const std::string& fileName) {
+std::shared_ptr<const CIniFileA> ProfileCache::Get(const char* fileName) {
   struct stat st;
-  if (stat(fileName.c_str(), &st) != 0) {
+  if (stat(fileName, &st) != 0) {
     Invalidate(fileName);
     return EmptyDocument();
   }
   const Stamp stamp = StampOf(st);
 
   std::lock_guard<std::mutex> hold(m_mutex);
-  auto found = m_entries.find(fileName);
+  auto found = m_entries.find(std::string_view(fileName));
   if (found != m_entries.end() && found->second.stamp == stamp) {
     Entry& entry = found->second;
     if (entry.readAtNs - entry.stamp.mtimeNs >= kRacyWindowNs) {
@@ -76,19 +77,24 @@ std::shared_ptr<const CIniFileA> ProfileCache::Get(const std::string& fileName) 
   entry.stamp = stamp;
   entry.readAtNs = WallClockNs();
   if (!NarrowIniTraits::ReadFile(fileName, &entry.bytes)) {
-    m_entries.erase(fileName);
+    if (found != m_entries.end()) m_entries.erase(found);
     return EmptyDocument();
   }
   entry.document = Parse(entry.bytes);
   ++m_stats.parses;
   std::shared_ptr<const CIniFileA> document = entry.document;
-  m_entries[fileName] = std::move(entry);
+  if (found != m_entries.end()) {
+    found->second = std::move(entry);
+  } else {
+    m_entries.emplace(fileName, std::move(entry));
+  }
   return document;
 }
 
-void ProfileCache::Invalidate(const std::string& fileName) {
+void ProfileCache::Invalidate(const char* fileName) {
   std::lock_guard<std::mutex> hold(m_mutex);
-  m_entries.erase(fileName);
+  auto found = m_entries.find(std::string_view(fileName));
+  if (found != m_entries.end()) m_entries.erase(found);
 }
 
 void ProfileCache::Clear() {

@@ -25,9 +25,9 @@ class ProfileCache {
   static ProfileCache& Instance();
 
   // The file's current document; an empty one when it cannot be read.
-  std::shared_ptr<const CIniFileA> Get(const std::string& fileName);
+  std::shared_ptr<const CIniFileA> Get(const char* fileName);
   // Forgets the file (after this process wrote it).
-  void Invalidate(const std::string& fileName);
+  void Invalidate(const char* fileName);
   void Clear();
 
   // Counters for tests and benchmarks.
@@ -60,6 +60,7 @@ class ProfileCache {
   static Stamp StampOf(const struct stat& st);
 
   std::mutex m_mutex;
-  std::map<std::string, Entry> m_entries;
+  // Looked up by the caller's text without building a string each time.
+  std::map<std::string, Entry, std::less<>> m_entries;
   Stats m_stats;
 };

@@ -230,6 +230,11 @@ CReaderWriterLock::CReaderWriterLock() = default;
 CReaderWriterLock::~CReaderWriterLock() {
   for (int i = 0; i < m_threads.GetSize(); ++i) delete m_threads.GetAt(i);
   m_threads.RemoveAll();
+  while (m_freeRecords != nullptr) {
+    SThreadStateInfo* next = reinterpret_cast<SThreadStateInfo*>(m_freeRecords->next);
+    delete m_freeRecords;
+    m_freeRecords = next;
+  }
 }
 
 int CReaderWriterLock::FindThread(unsigned int threadId) const {
@@ -239,13 +244,27 @@ int CReaderWriterLock::FindThread(unsigned int threadId) const {
   return -1;
 }
 
+// Records are recycled through a free list kept under the guard: a lock taken
+// and released on every log call would otherwise allocate and free a record
+// each time.
 void CReaderWriterLock::AppendThread(unsigned int threadId, unsigned int state) {
-  m_threads.SetAtGrow(m_threads.GetSize(), new SThreadStateInfo{threadId, state});
+  SThreadStateInfo* record = m_freeRecords;
+  if (record != nullptr) {
+    m_freeRecords = reinterpret_cast<SThreadStateInfo*>(record->next);
+  } else {
+    record = new SThreadStateInfo;
+  }
+  record->threadId = threadId;
+  record->state = state;
+  record->next = nullptr;
+  m_threads.SetAtGrow(m_threads.GetSize(), record);
 }
 
 void CReaderWriterLock::RemoveThreadAt(int index) {
-  delete m_threads.GetAt(index);
+  SThreadStateInfo* record = m_threads.GetAt(index);
   m_threads.RemoveAt(index);
+  record->next = m_freeRecords;
+  m_freeRecords = record;
 }
 
 BOOL CReaderWriterLock::AcquireReaderLock(unsigned int timeoutMs) {

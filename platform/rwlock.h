@@ -68,6 +68,7 @@ class CReaderWriterLock : public CReaderWriterLockNonReentrance {
   struct SThreadStateInfo {
     unsigned int threadId;  // kernel thread id
     unsigned int state;     // readers in the low, writers in the high 16 bits
+    void* next;             // the free list, while the record is not in use
   };
 
   CReaderWriterLock();
@@ -95,6 +96,7 @@ class CReaderWriterLock : public CReaderWriterLockNonReentrance {
   void RemoveThreadAt(int index);
 
   CArray<SThreadStateInfo*, SThreadStateInfo*> m_threads;
+  SThreadStateInfo* m_freeRecords = nullptr;
 };
 
 // Holds a CReaderWriterLock for one scope without limit.
