@@ -1,6 +1,7 @@
 #include "environment/log.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -142,8 +143,10 @@ void Log(int type, const char* format, ...) {
 }
 
 int GetLogLevelInLocal() {
-  char defaultText[32];
-  snprintf(defaultText, sizeof(defaultText), "%d", g_default_log_level);
+  // The default's decimal text ("%d"), made without the printf machinery:
+  // this runs on every log call, filtered or not.
+  char defaultText[32] = {0};
+  std::to_chars(defaultText, defaultText + sizeof(defaultText) - 1, g_default_log_level);
   char value[64];
   memset(value, 0, sizeof(value));
   ScopedReaderLock hold(g_csWriteLog);
