@@ -1,8 +1,13 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds the default preset and runs the main job.
+# Installs what is missing, builds the default preset and runs the main job:
+# qs-host serving the module to browsers on 127.0.0.1, in the foreground.
+# Its status page is http://127.0.0.1:18625/ (18993 when 18625 is taken);
+# Ctrl-C stops it cleanly. Arguments go to qs-host (e.g. --port 0).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default
-exec ./build/default/demo/qs-demo "$@"
+# qs-host prints the status page's address and a curl example with the port
+# it got.
+exec ./build/default/host/qs-host "$@"

@@ -15,7 +15,8 @@ while (($#)); do
   esac
 done
 
-bash scripts/install-deps.sh
+# The browser test of the host drives Debian's chromium.
+bash scripts/install-deps.sh chromium
 
 case "$preset" in
   asan)

@@ -1,0 +1,47 @@
+// The host's network side: HTTP/1.1 and WebSocket on 127.0.0.1 (and HTTPS/WSS
+// when the module's certificate folder holds a certificate and its key),
+// several worker threads, idle housekeeping paced by the module's wait
+// timeout, and a clean stop on SIGINT or SIGTERM.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/module.h"
+
+namespace qs_host {
+
+struct ServerOptions {
+  std::string exeFolder;        // the executable's folder, ending in "/"
+  int port = -1;                // -1: the module's plain pair; 0: any free port
+  std::vector<int> portPair;    // replaces the module's plain pair when not empty
+  int tlsPort = -1;             // -1: the module's TLS pair (any free port when port is 0)
+  std::vector<int> tlsPortPair;
+  int threads = 2;
+  bool benchRoute = false;      // serve the fixed answer at kBenchTarget
+};
+
+class Server {
+ public:
+  Server(Module& module, ServerOptions options);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Binds the listeners and prints where they listen. False (with a message)
+  // when no plain port could be bound.
+  bool Start(std::string* error);
+  // Serves until SIGINT or SIGTERM; returns the signal's number once every
+  // worker has finished, so no module call is in flight any more.
+  int Run();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// One line on standard output, flushed, whole even when threads print.
+void Say(const std::string& line);
+
+}  // namespace qs_host

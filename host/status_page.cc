@@ -1,0 +1,181 @@
+#include "host/status_page.h"
+
+namespace qs_host {
+
+namespace {
+
+// Plain HTML and JavaScript, no build step. The commands go out one after the
+// other, each with its own cmdId, because GetPorts needs the user key that
+// VersionInfo hands out (the third value of its result).
+constexpr char kPage[] = R"page(<!DOCTYPE html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<title>Local device service</title>
+<style>
+  body { font-family: system-ui, sans-serif; margin: 2em auto; max-width: 46em; padding: 0 1em; color: #1f2328; }
+  h1 { font-size: 1.5em; margin-bottom: .2em; }
+  #status { margin: .2em 0 1.2em; color: #59636e; }
+  #status.ok { color: #1a7f37; }
+  #status.failed { color: #b3261e; }
+  table { border-collapse: collapse; width: 100%; }
+  th, td { text-align: left; padding: .45em .8em; border-bottom: 1px solid #d1d9e0; vertical-align: top; }
+  th { width: 16em; font-weight: 600; color: #393f46; }
+  td.error { color: #b3261e; }
+  td.note { color: #9a6700; }
+  h2 { font-size: 1.1em; margin-top: 2em; }
+  pre { background: #f6f8fa; border: 1px solid #d1d9e0; padding: .8em; overflow: auto; font-size: .8em; }
+</style>
+</head>
+<body data-state="connecting">
+<h1>Local device service</h1>
+<p id="status">Connecting&hellip;</p>
+<table>
+  <tr><th>Service</th><td id="service">&hellip;</td></tr>
+  <tr><th>Installed service version</th><td id="service-version">&hellip;</td></tr>
+  <tr><th>Module</th><td id="module">&hellip;</td></tr>
+  <tr><th>Module protocol version</th><td id="module-version">&hellip;</td></tr>
+  <tr><th>User key</th><td id="user-key">&hellip;</td></tr>
+  <tr><th>Enhanced multi-user mode</th><td id="enhanced">&hellip;</td></tr>
+  <tr><th>Ports of this user</th><td id="ports">&hellip;</td></tr>
+</table>
+<h2>Commands and answers</h2>
+<pre id="log"></pre>
+<script>
+(function () {
+  "use strict";
+  var alias = "@ALIAS@";
+  var address = (location.protocol === "https:" ? "wss://" : "ws://") + location.host + "/" + alias + "/";
+  var socket = null;
+  var pending = null;
+  var finished = false;
+
+  // kind: "" for a value, "note" for an answer that carries a module code,
+  // "error" for no usable answer.
+  function show(id, text, kind) {
+    var cell = document.getElementById(id);
+    cell.textContent = text;
+    cell.className = kind || "";
+  }
+  function status(text, state) {
+    var line = document.getElementById("status");
+    line.textContent = text;
+    line.className = state === "done" ? "ok" : (state === "failed" ? "failed" : "");
+    document.body.setAttribute("data-state", state);
+  }
+  function log(text) {
+    document.getElementById("log").textContent += text + "\n";
+  }
+  function fail(text) {
+    if (finished) return;
+    finished = true;
+    status(text, "failed");
+    if (socket) socket.close();
+  }
+  function errorOf(answer) {
+    return answer.exception ? answer.description + " (" + answer.exception + ")" : "";
+  }
+
+  // Sends one command and calls `then` with its parsed answer.
+  function call(command, then) {
+    var text = JSON.stringify(command);
+    log("\u2192 " + text);
+    pending = { cmdId: command.cmdId, then: then };
+    socket.send(text);
+  }
+
+  function onVersionInfo(answer) {
+    var error = errorOf(answer);
+    var values = answer.result || [];
+    if (error) {
+      show("module", error, "error");
+      show("module-version", "-");
+    } else {
+      show("module", values[1]);
+      show("module-version", values[0]);
+      show("enhanced", values[3] === "true" ? "on" : "off");
+      show("user-key", values[2]);
+    }
+    call({ id: "status", cmdId: "qs-version", method: "QSVersion" }, function (answer) {
+      onQSVersion(answer, error ? "" : values[2]);
+    });
+  }
+
+  function onQSVersion(answer, key) {
+    var error = errorOf(answer);
+    var values = answer.result || [];
+    show("service", error || values[1], error ? "error" : "");
+    show("service-version", error ? "-" : values[0]);
+    call({ id: "status", cmdId: "get-ports", method: "GetPorts", parameter: [key] }, onGetPorts);
+  }
+
+  function onGetPorts(answer) {
+    var error = errorOf(answer);
+    if (error) {
+      show("ports", "none known: " + error, "note");
+    } else {
+      var map = (answer.result || [])[0] || {};
+      var names = Object.keys(map);
+      show("ports", names.length === 0 ? "none registered" : names.map(function (name) {
+        return name + ": " + map[name].port + " (TLS " + map[name].sslPort + ")";
+      }).join(", "));
+    }
+    finished = true;
+    status("Connected to " + address + " \u2014 the module answered every command.", "done");
+    socket.close();
+  }
+
+  try {
+    socket = new WebSocket(address);
+  } catch (e) {
+    fail("Cannot open " + address + ": " + e.message);
+    return;
+  }
+  socket.onopen = function () {
+    status("Connected to " + address + ", asking the module\u2026", "asking");
+    call({ id: "status", cmdId: "version-info", method: "VersionInfo" }, onVersionInfo);
+  };
+  socket.onmessage = function (event) {
+    if (typeof event.data !== "string") return;
+    log("\u2190 " + event.data);
+    var answer;
+    try {
+      answer = JSON.parse(event.data);
+    } catch (e) {
+      fail("The module answered something that is not a result document: " + event.data);
+      return;
+    }
+    if (!pending || answer.cmdId !== pending.cmdId) return;
+    var then = pending.then;
+    pending = null;
+    then(answer);
+  };
+  socket.onerror = function () { fail("The WebSocket to " + address + " failed."); };
+  socket.onclose = function (event) {
+    if (!finished) fail("The WebSocket closed before every answer came (code " + event.code + ").");
+  };
+  setTimeout(function () { fail("No answer within 20 seconds."); }, 20000);
+})();
+</script>
+</body>
+</html>
+)page";
+
+}  // namespace
+
+std::string StatusPage(const std::string& alias) {
+  // The alias goes into a script string: only plain characters are kept.
+  std::string safe;
+  for (char c : alias) {
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-') {
+      safe += c;
+    }
+  }
+  std::string page(kPage);
+  const std::string marker = "@ALIAS@";
+  const size_t at = page.find(marker);
+  if (at != std::string::npos) page.replace(at, marker.size(), safe);
+  return page;
+}
+
+}  // namespace qs_host

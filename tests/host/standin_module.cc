@@ -1,0 +1,239 @@
+// A stand-in module for the host's tests: the same exports as the real
+// module, with behaviour the real one cannot be made to show (raising
+// through DistributeCommand, answering with binary data, twice, late, from
+// another thread, or not at all). It echoes what the host passed in, so the
+// tests see exactly what reached the module, and writes what happened to
+// "standin.log" in its work folder (the executable's folder, as the real
+// module does); at release, "standin.waits" holds how often the host asked
+// for the wait timeout.
+//
+// Built with QS_STANDIN_PARTIAL, DistributeCommand and GetImage are left out:
+// a module the host must refuse to start with.
+#include <limits.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FVASManager/host_callbacks.h"
+
+namespace {
+
+std::mutex g_lock;
+std::condition_variable g_changed;
+std::map<std::string, std::string> g_images;
+std::vector<std::thread> g_threads;
+[[maybe_unused]] bool g_nextCallStarted = false;
+[[maybe_unused]] bool g_lateSent = false;
+int g_waitTimeoutCalls = 0;
+
+std::string WorkFile(const char* name) {
+  char path[PATH_MAX + 1] = {};
+  const ssize_t length = readlink("/proc/self/exe", path, PATH_MAX);
+  std::string exe(path, length > 0 ? static_cast<size_t>(length) : 0);
+  return exe.substr(0, exe.rfind('/') + 1) + name;
+}
+
+void Log(const std::string& line) {
+  static std::mutex logLock;
+  std::lock_guard<std::mutex> hold(logLock);
+  FILE* file = fopen(WorkFile("standin.log").c_str(), "a");
+  if (file == nullptr) return;
+  fprintf(file, "%s\n", line.c_str());
+  fclose(file);
+}
+
+[[maybe_unused]] std::string Hex(const unsigned char* bytes, unsigned int length) {
+  if (bytes == nullptr) return "-";
+  std::string text;
+  char pair[3];
+  for (unsigned int i = 0; i < length; ++i) {
+    snprintf(pair, sizeof(pair), "%02x", bytes[i]);
+    text += pair;
+  }
+  return text;
+}
+
+std::vector<int> PortsFromEnvironment(const char* name, std::vector<int> fallback) {
+  const char* text = getenv(name);
+  if (text == nullptr) return fallback;
+  int first = 0;
+  int second = 0;
+  if (sscanf(text, "%d,%d", &first, &second) != 2) return fallback;
+  return {first, second};
+}
+
+std::string GuidOf(const char* url, const char* marker) {
+  const std::string text(url);
+  if (text.find(marker) == std::string::npos) return "";
+  const size_t guid = text.find("GUID=");
+  return guid == std::string::npos ? "" : text.substr(guid + 5);
+}
+
+}  // namespace
+
+extern "C" {
+
+int DoAction(int action, char const*, char const*, int) {
+  if (action == 3) {
+    // Answers still travelling on threads of this module end first.
+    std::vector<std::thread> threads;
+    {
+      std::lock_guard<std::mutex> hold(g_lock);
+      threads.swap(g_threads);
+      FILE* file = fopen(WorkFile("standin.waits").c_str(), "w");
+      if (file != nullptr) {
+        fprintf(file, "%d\n", g_waitTimeoutCalls);
+        fclose(file);
+      }
+    }
+    for (auto& thread : threads) thread.join();
+  }
+  Log("DoAction " + std::to_string(action));
+  return action == 0 || action == 2 || action == 3 || action == 4 ? 1 : 0;
+}
+
+#ifndef QS_STANDIN_PARTIAL
+int DistributeCommand(int connection, void* handle, int reject, char const* url, char const* request,
+                      unsigned char const* body, unsigned int bodyLen, int browserType, SendBackCallback sendBack,
+                      int socket, char const* domain, HostGetDataCallback, HostSetDataCallback,
+                      HostGetDataCallback) {
+  if (reject != 0) return 0;
+  const std::string command(request);
+  Log("DistributeCommand begin " + command);
+  struct End {
+    std::string command;
+    ~End() { Log("DistributeCommand end " + command); }
+  } end{command};
+
+  if (command == "throw") throw std::out_of_range("basic_string::substr");
+  if (command == "silent") return 0;
+  if (command == "data") {
+    const unsigned char data[] = {0x00, 0x01, 0x02, 0xFF};
+    return sendBack(connection, handle, "with data", data, sizeof(data), nullptr);
+  }
+  if (command == "twice") {
+    sendBack(connection, handle, "first", nullptr, 0, nullptr);
+    return sendBack(connection, handle, "second", nullptr, 0, nullptr);
+  }
+  if (command == "slow") {
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    return sendBack(connection, handle, "slow", nullptr, 0, nullptr);
+  }
+  if (command == "later") {
+    // Answers from a thread of its own, once the next call has begun, with
+    // the connection index and handle of this call.
+    std::lock_guard<std::mutex> hold(g_lock);
+    g_nextCallStarted = false;
+    g_lateSent = false;
+    g_threads.emplace_back([connection, handle, sendBack] {
+      {
+        std::unique_lock<std::mutex> wait(g_lock);
+        g_changed.wait_for(wait, std::chrono::seconds(10), [] { return g_nextCallStarted; });
+      }
+      sendBack(connection, handle, "later", nullptr, 0, nullptr);
+      std::lock_guard<std::mutex> done(g_lock);
+      g_lateSent = true;
+      g_changed.notify_all();
+    });
+    return 1;
+  }
+  if (command == "after-late") {
+    std::unique_lock<std::mutex> wait(g_lock);
+    g_nextCallStarted = true;
+    g_changed.notify_all();
+    g_changed.wait_for(wait, std::chrono::seconds(10), [] { return g_lateSent; });
+    wait.unlock();
+    return sendBack(connection, handle, "after-late", nullptr, 0, nullptr);
+  }
+
+  sockaddr_storage address{};
+  socklen_t size = sizeof(address);
+  const bool isSocket = getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) == 0;
+  const std::string echo = "connection=" + std::to_string(connection) + "|url=" + url + "|request=" + command +
+                           "|body=" + Hex(body, bodyLen) + "|browser=" + std::to_string(browserType) +
+                           "|domain=" + domain + "|socket=" + (isSocket ? "yes" : "no");
+  return sendBack(connection, handle, echo.c_str(), nullptr, 0, nullptr);
+}
+#endif
+
+int GetWaitTimeout() {
+  std::lock_guard<std::mutex> hold(g_lock);
+  ++g_waitTimeoutCalls;
+  const char* wait = getenv("QS_STANDIN_WAIT");
+  return wait != nullptr ? atoi(wait) : 100;
+}
+
+int GetAlias(char* alias) {
+  if (alias != nullptr) memcpy(alias, "tst", 4);
+  return 4;
+}
+
+int GetVersionDesc(char* buffer) {
+  static const char kTag[] = "standin_1";
+  if (buffer != nullptr) memcpy(buffer, kTag, sizeof(kTag));
+  return sizeof(kTag);
+}
+
+int GetPorts(bool alternate, int* ports) {
+  // Without a pair from the test: any free port.
+  std::vector<int> pair = alternate ? PortsFromEnvironment("QS_STANDIN_TLS_PORTS", {0, 0})
+                                    : PortsFromEnvironment("QS_STANDIN_PORTS", {0, 0});
+  if (ports != nullptr) {
+    ports[0] = pair[0];
+    ports[1] = pair[1];
+  }
+  return 2;
+}
+
+#ifndef QS_STANDIN_PARTIAL
+int GetImage(char const* url, void* buffer, unsigned int* length) {
+  const std::string guid = GuidOf(url, "/GetEncryptedImageMap?");
+  if (guid.empty()) return 0;
+  std::lock_guard<std::mutex> hold(g_lock);
+  auto found = g_images.find(guid);
+  if (found == g_images.end()) return 0;
+  *length = 2052;
+  if (buffer != nullptr) memcpy(buffer, found->second.data(), 2052);
+  return 1;
+}
+#endif
+
+int SetImage(char const* url, void const* data, unsigned int length) {
+  // The real module stops the process here; so does the stand-in.
+  if (length > 2052) abort();
+  const std::string guid = GuidOf(url, "/SetEncryptedImageMap?");
+  if (guid.empty()) return 0;
+  std::lock_guard<std::mutex> hold(g_lock);
+  if (data == nullptr) {
+    g_images.erase(guid);
+    return 1;
+  }
+  std::string record(2052, '\0');
+  memcpy(&record[0], data, length);
+  g_images[guid] = record;
+  return 1;
+}
+
+void CloseWebSocket() { Log("CloseWebSocket"); }
+
+int Reserved() { return 0; }
+
+}  // extern "C"
+
+// The configuration switch the host asks for, exported by its C++ name as
+// the real module's base library does.
+bool GetEnableCORSAll() {
+  const char* cors = getenv("QS_STANDIN_CORS");
+  return cors == nullptr || strcmp(cors, "off") != 0;
+}
