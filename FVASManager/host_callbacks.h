@@ -18,3 +18,18 @@ typedef int (*HostSetDataCallback)(char const*, char const*, char const*, void c
 // remaining arguments, returning its result.
 typedef signed char (*SendBackWrapper)(SendBackCallback callback, int connection, void* handle, char const* text,
                                        void const* data, unsigned int dataLen, char const* extra);
+
+// The plug-in's flat entry points as a host resolves them with dlsym (the
+// declarations are in FVASManager/exports.h).
+using DoActionFn = int (*)(int, char const*, char const*, int);
+using DistributeCommandFn = int (*)(int, void*, int, char const*, char const*, unsigned char const*, unsigned int, int,
+                                    SendBackCallback, int, char const*, HostGetDataCallback, HostSetDataCallback,
+                                    HostGetDataCallback);
+using GetWaitTimeoutFn = int (*)();
+using GetAliasFn = int (*)(char*);
+using GetVersionDescFn = int (*)(char*);
+using GetPortsFn = int (*)(bool, int*);
+using GetImageFn = int (*)(char const*, void*, unsigned int*);
+using SetImageFn = int (*)(char const*, void const*, unsigned int);
+using CloseWebSocketFn = void (*)();
+using ReservedFn = int (*)();

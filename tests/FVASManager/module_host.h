@@ -53,18 +53,6 @@ class AnswerLog {
 
 class ModuleHost {
  public:
-  using DoActionFn = int (*)(int, char const*, char const*, int);
-  using DistributeCommandFn = int (*)(int, void*, int, char const*, char const*, unsigned char const*, unsigned int,
-                                      int, SendBackCallback, int, char const*, HostGetDataCallback,
-                                      HostSetDataCallback, HostGetDataCallback);
-  using GetWaitTimeoutFn = int (*)();
-  using GetAliasFn = int (*)(char*);
-  using GetVersionDescFn = int (*)(char*);
-  using GetPortsFn = int (*)(bool, int*);
-  using GetImageFn = int (*)(char const*, void*, unsigned int*);
-  using SetImageFn = int (*)(char const*, void const*, unsigned int);
-  using CloseWebSocketFn = void (*)();
-  using ReservedFn = int (*)();
 
   ModuleHost() {
     module_ = dlopen(QS_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
