@@ -11,6 +11,7 @@
 #include "environment/program_info.h"
 #include "environment/user_session.h"
 #include "ini/profile.h"
+#include "platform/regular_file.h"
 #include "platform/rwlock.h"
 
 std::map<std::string, int> g_mapSSLPortInMem;
@@ -128,20 +129,13 @@ void SavePort(const std::map<std::string, int>& ports, const std::string& base) 
 // ---- Port text search ------------------------------------------------------------
 
 bool PortIsUsed(const std::string& fileName, int port) {
-  FILE* file = fopen(fileName.c_str(), "rb");
-  if (file == nullptr) return false;
-  fseek(file, 0, SEEK_END);
-  long size = ftell(file);
-  fseek(file, 0, SEEK_SET);
-  if (size < 0) size = 0;
-  std::vector<char> content(static_cast<size_t>(size) + 1, '\0');
-  const size_t got = fread(content.data(), 1, static_cast<size_t>(size), file);
-  fclose(file);
-  content[got] = '\0';
+  std::string content;
+  if (!ReadRegularFile(fileName.c_str(), &content)) return false;
   char text[32];
   memset(text, 0, sizeof(text));
   snprintf(text, sizeof(text), "%d", port);
-  return strstr(content.data(), text) != nullptr;
+  // A plain substring test on the text up to its first 0 byte.
+  return strstr(content.c_str(), text) != nullptr;
 }
 
 bool PortIsUsed(int) { return false; }

@@ -69,7 +69,8 @@ void SavePort(const std::map<std::string, int>& ports, const std::string& base);
 
 // True when the decimal text of `port` occurs in the file's bytes up to its
 // first 0 byte: a plain substring test, so 8625 is found in "18625". False
-// when the file cannot be opened.
+// when the path does not name a regular file that can be read (a FIFO is
+// never waited on).
 bool PortIsUsed(const std::string& fileName, int port);
 // Always false: nothing here probes the network.
 bool PortIsUsed(int port);

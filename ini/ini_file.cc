@@ -1,8 +1,6 @@
 #include "ini/ini_file.h"
 
-#include <fstream>
-#include <iterator>
-
+#include "platform/regular_file.h"
 #include "util/util.h"
 
 const char* const CIniFileA::LF = "\n";
@@ -51,17 +49,11 @@ std::wstring str_to_wstr(const std::string& text) {
 }
 
 bool NarrowIniTraits::ReadFile(const std::string& fileName, std::string* bytes) {
-  std::ifstream input(fileName, std::ios::in | std::ios::binary);
-  if (!input.is_open()) return false;
-  bytes->assign(std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>());
-  return true;
+  return ReadRegularFile(fileName.c_str(), bytes);
 }
 
 bool NarrowIniTraits::WriteFile(const std::string& fileName, const std::string& bytes) {
-  std::ofstream output(fileName, std::ios::out | std::ios::binary | std::ios::trunc);
-  if (!output.is_open()) return false;
-  output.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return true;
+  return ReplaceRegularFile(fileName.c_str(), bytes);
 }
 
 // ---- Keys and sections --------------------------------------------------------

@@ -190,10 +190,13 @@ class BasicIniFile {
   // Without merging, every section is removed first; with it, the stream's
   // keys overwrite and extend what is there.
   void Load(typename Traits::IStream& input, bool merge = false);
-  // False only when the file cannot be opened.
+  // False, with the document unchanged, when the path does not name a regular
+  // file that can be read (missing, a folder, a FIFO, no permission, a
+  // dangling link; see platform/regular_file.h).
   bool Load(const std::string& fileName, bool merge = false);
   void Save(typename Traits::OStream& output) const;
-  // Replaces the file; false when it cannot be opened.
+  // Replaces the file; false, with nothing written, when the path names
+  // anything but a regular file or cannot be opened for writing.
   bool Save(const std::string& fileName) const;
 
   const SectionIndex& GetSections() const { return m_sections; }

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "ini/profile_cache.h"
+#include "platform/regular_file.h"
 #include "util/win_string.h"
 
 namespace {
@@ -123,7 +124,11 @@ unsigned int GetPrivateProfileStringA(const char* section, const char* key, cons
 bool WritePrivateProfileStringA(const char* section, const char* key, const char* value, const char* fileName) {
   if (fileName == nullptr) return true;
   CIniFileA document;
-  document.Load(std::string(fileName), false);
+  // Only a file that is missing starts from an empty document. Anything else
+  // that cannot be read (a folder, a FIFO, a file without read permission, a
+  // dangling link) cannot be written either: rewriting it from an empty
+  // document would lose every key it holds.
+  if (!document.Load(std::string(fileName), false) && !NothingAtPath(fileName)) return true;
   document.SetKeyValue(section != nullptr ? section : "", key != nullptr ? key : "", value != nullptr ? value : "");
   document.Save(std::string(fileName));
   ProfileCache::Instance().Invalidate(fileName);

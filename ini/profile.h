@@ -10,7 +10,8 @@
 // `defaultValue` when the section or key is missing, with the bounded copy
 // lstrcpyn(buffer, value, size - 1): at most size - 2 characters arrive and
 // the buffer's last byte is not written. Returns the length of the whole
-// value, not of what was copied. A file that cannot be read reads as empty.
+// value, not of what was copied. A file that cannot be read (missing, a
+// folder, a FIFO, no permission, a dangling link) reads as empty, at once.
 // Null texts read as empty; a null buffer or a size below 2 copies nothing.
 unsigned int GetPrivateProfileStringA(const char* section, const char* key, const char* defaultValue, char* buffer,
                                       unsigned int size, const char* fileName);
@@ -18,5 +19,8 @@ unsigned int GetPrivateProfileStringA(const char* section, const char* key, cons
 // Loads the file, sets the key (creating section and key as needed; existing
 // names keep their stored spelling) and rewrites the whole file in the
 // document's own format: comments and unrecognised lines are dropped. Always
-// true, also when the file could not be written (nothing is created then).
+// true, also when the file could not be written. A missing file is created
+// (when its folder exists); a path that names something that cannot be read
+// (a folder, a FIFO, a file without read permission, a dangling link) is left
+// untouched.
 bool WritePrivateProfileStringA(const char* section, const char* key, const char* value, const char* fileName);

@@ -349,6 +349,23 @@ TEST_F(ModuleTest, DoActionStartsUpInTheExecutablesFolder) {
   EXPECT_NE(std::string::npos, log.find("[Debug-3]: 4. Command send back result cost: "));
 }
 
+// A folder where the configuration file should be: the module starts and
+// answers with the defaults.
+TEST_F(ModuleTest, ServesWhenTheConfigurationPathIsAFolder) {
+  if (qs_test::InOwnFolder()) {
+    EXPECT_EQ(1, host_.DoAction(0, nullptr, nullptr, 0));
+    host_.Send("/kxp/", R"({"id":"1","method":"VersionInfo"})");
+    EXPECT_NE(std::string::npos, host_.OnlyAnswer().find("\"14, 3, 3, 1212\",\n      \"Quintaris"));
+    host_.Send("/kxp/", R"({"id":"2","method":"QSVersion"})");
+    EXPECT_NE(std::string::npos, host_.OnlyAnswer().find("[ \"0\", \"Quintaris Service\" ]"));
+    return;
+  }
+  qs_test::TempDir dir;
+  mkdir((dir / "QSConfiguration.ini").c_str(), 0755);
+  ASSERT_EQ(0, qs_test::RunInOwnFolder(dir.path()));
+  EXPECT_TRUE(qs_test::IsFolder(dir / "QSConfiguration.ini"));
+}
+
 TEST_F(ModuleTest, EnhancedModeIsReportedInServiceMode) {
   if (qs_test::InOwnFolder()) {
     host_.DoAction(0, nullptr, nullptr, 0);

@@ -1,6 +1,7 @@
 // Per-user ports in the user file, named port lists in the system file, and
 // the port text search.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <map>
 #include <set>
@@ -142,6 +143,11 @@ TEST_F(PortRegistryTest, PortIsUsedIsASubstringTestUpToTheFirstZeroByte) {
   EXPECT_FALSE(PortIsUsed(file, 18994)) << "a 0 byte ends the searched text";
   EXPECT_FALSE(PortIsUsed(folder_.dir() / "missing.txt", 1));
   EXPECT_FALSE(PortIsUsed(18625));
+  // A folder or a FIFO at the path reads as no file, at once.
+  EXPECT_FALSE(PortIsUsed(folder_.dir().path(), 1));
+  const std::string fifo = folder_.dir() / "fifo";
+  mkfifo(fifo.c_str(), 0666);
+  EXPECT_FALSE(PortIsUsed(fifo, 1));
 }
 
 }  // namespace

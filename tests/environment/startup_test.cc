@@ -146,6 +146,40 @@ TEST(Startup, SurvivesBrokenConfigurationAndLogFolder) {
   }
 }
 
+// A folder, a FIFO or a dangling link where the configuration file should be:
+// start-up completes with the defaults, logging goes on at the default level,
+// and what stands at the path is left as it was.
+TEST(Startup, ConfigurationPathThatIsNoFileReadsAsMissing) {
+  if (qs_test::InOwnFolder()) {
+    SetIfServiceProcess(true);
+    InitProgramInfo(true);
+    EXPECT_EQ(6, GetLogLevel());
+    EXPECT_EQ("127.0.0.1", GetHostName());
+    EXPECT_TRUE(GetEnableCORSAll());
+    EXPECT_TRUE(LogErr("still logging"));
+    EXPECT_TRUE(LogDebug("filtered"));
+    const std::string log = ReadWholeFile(GetLogFile());
+    EXPECT_NE(std::string::npos, log.find("]: still logging GetLastError = ")) << log;
+    EXPECT_EQ(std::string::npos, log.find("filtered"));
+    return;
+  }
+  for (const char* kind : {"folder", "fifo", "link"}) {
+    qs_test::TempDir dir;
+    const std::string path = dir / "QSConfiguration.ini";
+    const std::string kindText = kind;
+    if (kindText == "folder") mkdir(path.c_str(), 0755);
+    if (kindText == "fifo") mkfifo(path.c_str(), 0666);
+    if (kindText == "link") symlink((dir / "nowhere.ini").c_str(), path.c_str());
+    struct stat before;
+    lstat(path.c_str(), &before);
+    EXPECT_EQ(0, qs_test::RunInOwnFolder(dir.path())) << kind;
+    struct stat after;
+    EXPECT_EQ(0, lstat(path.c_str(), &after));
+    EXPECT_EQ(before.st_mode, after.st_mode) << kind;
+    EXPECT_FALSE(PathExists(dir / "nowhere.ini")) << kind;
+  }
+}
+
 TEST_IN_OWN_FOLDER(Startup, CleanCacheFolderUsesTheOneSubDirectoryRule) {
   InitProgramInfo(false);
   const std::string cache = GetCachePath();

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "ini/ini_file.h"
 #include "ini/profile_cache.h"
 #include "tests/common/temp_dir.h"
 
@@ -75,6 +76,83 @@ TEST(WritePrivateProfileString, RewritesTheFileInTheDocumentFormat) {
   std::string nowhere = dir / "missing/folder/w.ini";
   EXPECT_TRUE(WritePrivateProfileStringA("S", "k", "v", nowhere.c_str()));
   EXPECT_FALSE(qs_test::PathExists(dir / "missing"));
+}
+
+// ---- Paths that do not name a readable file ----------------------------------------
+
+// What can stand where an INI file is expected. Each must behave like a missing
+// file for reads and like an unwritable one for writes: no exception, no wait,
+// and the thing at the path left exactly as it was.
+enum class Obstacle { Folder, Fifo, DanglingLink, WriteOnlyFile };
+
+void Place(Obstacle kind, const std::string& path) {
+  switch (kind) {
+    case Obstacle::Folder: mkdir(path.c_str(), 0755); break;
+    case Obstacle::Fifo: mkfifo(path.c_str(), 0666); break;
+    case Obstacle::DanglingLink: symlink((path + ".target").c_str(), path.c_str()); break;
+    case Obstacle::WriteOnlyFile:
+      WriteFile(path, "[S]\nk=kept\n");
+      chmod(path.c_str(), 0200);
+      break;
+  }
+}
+
+// The misbehaviours seen, or "" when the path behaved as required.
+std::string Misbehaviour(const std::string& path) {
+  struct stat before;
+  lstat(path.c_str(), &before);
+  std::string seen;
+  char buffer[16];
+  memset(buffer, '#', sizeof(buffer));
+  if (GetPrivateProfileStringA("S", "k", "dflt", buffer, sizeof(buffer), path.c_str()) != 4 ||
+      std::string(buffer) != "dflt") {
+    seen += "read did not give the default; ";
+  }
+  if (!WritePrivateProfileStringA("S", "k", "new", path.c_str())) seen += "write gave false; ";
+  CIniFileA narrow;
+  CIniFileW wide;
+  if (narrow.Load(path) || wide.Load(path)) seen += "loading reported success; ";
+  struct stat after;
+  if (lstat(path.c_str(), &after) != 0 || after.st_mode != before.st_mode || after.st_size != before.st_size ||
+      after.st_mtim.tv_nsec != before.st_mtim.tv_nsec || after.st_mtim.tv_sec != before.st_mtim.tv_sec) {
+    seen += "the path was changed; ";
+  }
+  if (qs_test::PathExists(path + ".target")) seen += "the link's target was created; ";
+  return seen;
+}
+
+TEST(ProfileOnUnreadablePaths, ReadAsMissingAndAreNeverWritten) {
+  for (Obstacle kind : {Obstacle::Folder, Obstacle::Fifo, Obstacle::DanglingLink, Obstacle::WriteOnlyFile}) {
+    TempDir dir;
+    const std::string path = dir / "QSConfiguration.ini";
+    Place(kind, path);
+    if (kind != Obstacle::WriteOnlyFile || geteuid() != 0) {
+      EXPECT_EQ("", Misbehaviour(path)) << "obstacle " << static_cast<int>(kind);
+      continue;
+    }
+    // Permissions do not stop root: the write-only file is tried by an
+    // unprivileged child that owns it.
+    chmod(dir.path().c_str(), 0711);
+    ASSERT_EQ(0, chown(path.c_str(), 65534, 65534));
+    pid_t child = fork();
+    if (child == 0) {
+      if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+      const std::string seen = Misbehaviour(path);
+      fprintf(stderr, "%s\n", seen.c_str());
+      _exit(seen.empty() ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "write-only file, status " << status;
+    chmod(path.c_str(), 0600);
+    EXPECT_EQ("[S]\nk=kept\n", qs_test::ReadWholeFile(path));
+  }
+  TempDir dir;
+  CIniFileA document;
+  document.SetKeyValue("S", "k", "v");
+  mkfifo((dir / "fifo").c_str(), 0666);
+  EXPECT_FALSE(document.Save(dir / "fifo")) << "a FIFO is not written, and not waited on";
+  EXPECT_FALSE(document.Save(dir.path())) << "nor a folder";
 }
 
 // ---- The document cache -------------------------------------------------------
