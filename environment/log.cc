@@ -75,8 +75,10 @@ bool AppendEntry(int level, const char* text, const unsigned char* data, int len
   fprintf(out, "%s%s", prefix, text != nullptr ? text : "");
   if (level & Log_Error) fprintf(out, " GetLastError = %d.", lastError);
   fputc('\n', out);
-  if (data != nullptr && length > 0) {
-    fwrite(data, 1, static_cast<size_t>(length), out);
+  // Raw data goes on a line of its own, ended by a line feed even when it is
+  // empty.
+  if (data != nullptr) {
+    if (length > 0) fwrite(data, 1, static_cast<size_t>(length), out);
     fputc('\n', out);
   }
   fclose(out);

@@ -28,8 +28,8 @@ extern bool g_enumLogLevel;      // the effective mask is exactly 14
 extern CReaderWriterLock g_csWriteLog;
 
 // True when the entry was written or filtered out; false only when the file
-// could not be opened. `data`, when given, follows the line as `length` raw
-// bytes and a line feed.
+// could not be opened. `data`, when not null, follows the line as `length`
+// raw bytes and a line feed (the line feed also when `length` is 0).
 bool WriteLog(int level, const char* text, const unsigned char* data, int length);
 bool WriteLog(int level, const char* format, va_list args);
 bool LogErr(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -77,13 +77,18 @@ TEST(Logging, MillisecondsAreRealMilliseconds) {
   EXPECT_GT(milliseconds.size(), 3u);
 }
 
-TEST(Logging, RawDataFollowsTheLine) {
+TEST(Logging, RawDataFollowsTheLineWithItsOwnLineFeed) {
   ServiceFolder folder("[QS]\nLogLevel=8\n");
   const unsigned char data[] = {'a', 0, 'z'};
   EXPECT_TRUE(LogDebug("with data", data, 3));
+  EXPECT_TRUE(LogDebug("empty data", data, 0));
+  EXPECT_TRUE(LogDebug("no data", nullptr, 3));
   std::string log = folder.ServiceLog();
-  ASSERT_GE(log.size(), 5u);
-  EXPECT_EQ(std::string("with data\na\0z\n", 14), log.substr(log.size() - 14));
+  std::vector<std::string> tails;
+  for (const char* text : {"with data", "empty data", "no data"}) tails.push_back(log.substr(log.find(text)));
+  EXPECT_EQ(std::string("with data\na\0z\n", 14), tails[0].substr(0, 14));
+  EXPECT_EQ("empty data\n\n", tails[1].substr(0, 12)) << "an empty line for empty data";
+  EXPECT_EQ("no data\n", tails[2]);
 }
 
 TEST(Logging, ScanningProcessWritesTheOtherFile) {
