@@ -75,10 +75,7 @@ HttpParamRequest::~HttpParamRequest() {
 
 int HttpParamRequest::GetBowserType() { return m_nBrowserType; }
 
-HttpParamResponse* HttpParamRequest::GetHttpParamResponse() {
-  FlushResult();
-  return m_pResponse;
-}
+HttpParamResponse* HttpParamRequest::GetHttpParamResponse() { return m_pResponse; }
 
 std::string HttpParamRequest::GetFunName() { return m_strFunName; }
 
@@ -132,20 +129,8 @@ void HttpParamRequest::FreeResultData() {
 }
 
 void HttpParamRequest::EncodeResult(bool isEvent, int errorCode, const std::string& description) {
-  // Only the last build's document is ever read, so the styled text is made
-  // when the document is read, not at every build (a handler that appends
-  // five values would otherwise style the document five times).
-  m_bResultPending = true;
-  m_bPendingIsEvent = isEvent;
-  m_nPendingErrorCode = errorCode;
-  m_strPendingDescription = description;
-}
-
-void HttpParamRequest::FlushResult() {
-  if (!m_bResultPending) return;
-  m_bResultPending = false;
-  m_pResponse->SetJsonResult(JsonCommand::Encode(m_strClientId, m_strFunName, m_paramStack, m_bPendingIsEvent,
-                                                 m_nPendingErrorCode, m_strPendingDescription));
+  m_pResponse->SetJsonResult(
+      JsonCommand::Encode(m_strClientId, m_strFunName, m_paramStack, isEvent, errorCode, description));
 }
 
 template <typename T>
@@ -216,13 +201,11 @@ bool HttpParamRequest::AddJsonStringResultParam(std::string& json, bool isEvent,
 }
 
 HttpParamRequest* HttpParamRequest::GetResultStructByJsonString(std::string doc) {
-  m_bResultPending = false;  // this document replaces any earlier build
   m_pResponse->SetJsonResult(std::move(doc));
   return this;
 }
 
 int HttpParamRequest::SendBackResult() {
-  FlushResult();
   std::string document = m_pResponse->GetJsonResult();
   if (m_pfnCallback == nullptr || m_nConnection == 0) {
     LogErr("Invalid send back handle. Function must be call in wesocket!");

@@ -91,10 +91,9 @@ class HttpParamRequest {
   int Sendback(char const* text);
 
   // ---- Result builders ------------------------------------------------------
-  // Each build encodes the whole parameter stack (JsonCommand::Encode, short
-  // form) and replaces the stored result document; values accumulate. The
-  // document is made when it is read (through GetHttpParamResponse or
-  // SendBackResult), from the stack as it is then.
+  // Each build encodes the whole parameter stack as it is at that moment
+  // (JsonCommand::Encode, short form) and stores the document at once,
+  // replacing the one stored before; values accumulate on the stack.
 
   // Appends `value`; when errorCode is 0 and `description` is not empty also
   // appends `description` and the module name. Replaces the result data by a
@@ -137,11 +136,8 @@ class HttpParamRequest {
   int SendBackResult();
 
  private:
-  // Notes that the whole stack is to be encoded as a short-form result with
-  // these arguments; the document is made when it is next read.
+  // Encodes the whole stack as a short-form result and stores the document.
   void EncodeResult(bool isEvent, int errorCode, const std::string& description);
-  // Encodes the stack into the response if a build is pending.
-  void FlushResult();
   void FreeResultData();
 
   HostGetDataCallback m_pfnHostGet1;
@@ -167,11 +163,6 @@ class HttpParamRequest {
   unsigned int m_dwLastTime;
   HttpParamResponse* m_pResponse;
   std::string m_strVersion;
-  // The last build, not yet encoded (see EncodeResult).
-  bool m_bResultPending = false;
-  bool m_bPendingIsEvent = false;
-  int m_nPendingErrorCode = 0;
-  std::string m_strPendingDescription;
 };
 
 extern template HttpParamRequest* HttpParamRequest::GetResultStruct<bool>(bool, unsigned char const*, int, int,

@@ -1,11 +1,15 @@
 // Arbitrary text as a command document and as a URL query: every query of
 // JsonCommand, both result forms of what it parsed, every converter on every
-// parameter, and the URL builders. Nothing may throw or crash.
+// parameter, and the URL builders. Nothing may throw or crash, and the styled
+// text must be the reference writer's, byte for byte.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
+
+#include <json/writer.h>
 
 #include "json_command/json_command.h"
 
@@ -46,6 +50,14 @@ void ConvertAll(const Json::Value* value) {
   for (auto& member : members) delete member.second;
 }
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+std::string Reference(const Json::Value& value) {
+  Json::StyledWriter writer;
+  return writer.write(value);
+}
+#pragma GCC diagnostic pop
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -74,9 +86,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (Json::Value* value : values) delete value;
 
   // The text with comments kept, as results built from handler JSON are.
+  // Whatever writes the styled text must give the reference writer's bytes,
+  // alone and as a result value.
   Json::Value commented;
   if (JsonCommand::ParseText(text, &commented, true)) {
-    JsonCommand::StyledText(commented);
+    if (JsonCommand::StyledText(commented) != Reference(commented)) abort();
+    Json::Value document(Json::objectValue);
+    document["id"] = id;
+    document["method"] = name;
+    document["result"].append(commented);
+    std::vector<Json::Value*> lent = {&commented};
+    if (JsonCommand::Encode(id, name, lent, false, 0, "") != Reference(document)) abort();
     ConvertAll(&commented);
   }
 

@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "environment/log.h"
+#include "json_command/styled_text.h"
 
 // Json::Reader and Json::StyledWriter are the reference behaviour of the
 // command and result formats; the dependency marks them deprecated in favour
@@ -36,10 +37,24 @@ bool JsonCommand::ParseText(const std::string& text, Json::Value* root, bool col
   return parsed;
 }
 
+namespace {
+
+// Each thread keeps one writer, and with it its buffers, between calls.
+StyledTextWriter& ThreadWriter() {
+  thread_local StyledTextWriter writer;
+  return writer;
+}
+
+}  // namespace
+
 std::string JsonCommand::StyledText(const Json::Value& value) {
+  // What the thread's writer leaves aside (comments, strings with a 0 byte)
+  // the reference writer writes.
   try {
-    Json::StyledWriter writer;
-    return writer.write(value);
+    std::string text;
+    if (ThreadWriter().Write(value, &text)) return text;
+    Json::StyledWriter reference;
+    return reference.write(value);
   } catch (...) {
     return std::string();
   }
@@ -169,14 +184,48 @@ std::string JsonCommand::GetFunctionName() const {
 
 namespace {
 
-// Steps shared by both result forms after their identifying members: the
-// function name under "event" or "method", then the result values.
-void AddNameAndResults(Json::Value& root, const std::string& name, const std::vector<Json::Value*>& values,
-                       bool isEvent) {
-  root[isEvent ? "event" : "method"] = name;
-  for (const Json::Value* value : values) {
-    root["result"].append(value != nullptr ? *value : Json::Value());
+using DocumentMember = StyledTextWriter::Member;
+
+DocumentMember Text(const char* name, const std::string& text) { return DocumentMember{name, &text, 0, nullptr}; }
+DocumentMember Number(const char* name, int number) { return DocumentMember{name, nullptr, number, nullptr}; }
+DocumentMember Values(const char* name, const std::vector<Json::Value*>& values) { return DocumentMember{name, nullptr, 0, &values}; }
+
+// The styled text of a result document. The members are written in place by
+// the thread's writer; a document it leaves aside (values with comments or
+// with a 0 byte in a string) is built as a Json::Value and written by the
+// reference writer. There the values are lent rather than copied: each is
+// swapped into its place and swapped back once the text is written, so the
+// caller's values are unchanged afterwards, also when writing fails.
+std::string DocumentText(const std::vector<DocumentMember>& members) {
+  std::string text;
+  if (ThreadWriter().WriteDocument(members, &text)) return text;
+  Json::Value root(Json::objectValue);
+  const std::vector<Json::Value*>* lent = nullptr;
+  Json::Value* results = nullptr;
+  for (const DocumentMember& member : members) {
+    Json::Value& slot = root[member.name];
+    if (member.text != nullptr) {
+      slot = *member.text;
+    } else if (member.values != nullptr) {
+      slot.resize(static_cast<Json::ArrayIndex>(member.values->size()));
+      lent = member.values;
+      results = &slot;
+    } else {
+      slot = member.number;
+    }
   }
+  struct Lend {
+    Json::Value* results;
+    const std::vector<Json::Value*>* values;
+    void Swap() {
+      for (Json::ArrayIndex i = 0; values != nullptr && i < values->size(); ++i) {
+        if ((*values)[i] != nullptr) (*results)[i].swap(*(*values)[i]);
+      }
+    }
+    ~Lend() { Swap(); }
+  } lend{results, lent};
+  lend.Swap();
+  return JsonCommand::StyledText(root);
 }
 
 }  // namespace
@@ -184,14 +233,13 @@ void AddNameAndResults(Json::Value& root, const std::string& name, const std::ve
 std::string JsonCommand::Encode(const std::string& id, const std::string& name, const std::vector<Json::Value*>& values,
                                 bool isEvent, int errorCode, std::string description) {
   try {
-    Json::Value root(Json::objectValue);
-    root["id"] = id;
+    std::vector<DocumentMember> members{Text("id", id), Text(isEvent ? "event" : "method", name)};
     if (errorCode != 0) {
-      root["exception"] = errorCode;
-      root["description"] = description;
+      members.push_back(Number("exception", errorCode));
+      members.push_back(Text("description", description));
     }
-    AddNameAndResults(root, name, values, isEvent);
-    return StyledText(root);
+    if (!values.empty()) members.push_back(Values("result", values));
+    return DocumentText(members);
   } catch (...) {
     return std::string();
   }
@@ -201,13 +249,11 @@ std::string JsonCommand::Encode(const std::string& session, const std::string& o
                                 const std::vector<Json::Value*>& values, bool isEvent, int errorCode,
                                 std::string description) {
   try {
-    Json::Value root(Json::objectValue);
-    root["session"] = session;
-    root["object"] = object;
-    root["exception"] = errorCode;
-    root["description"] = errorCode != 0 ? description : std::string("Successful");
-    AddNameAndResults(root, name, values, isEvent);
-    return StyledText(root);
+    if (errorCode == 0) description = "Successful";
+    std::vector<DocumentMember> members{Text("session", session), Text("object", object), Number("exception", errorCode),
+                                Text("description", description), Text(isEvent ? "event" : "method", name)};
+    if (!values.empty()) members.push_back(Values("result", values));
+    return DocumentText(members);
   } catch (...) {
     return std::string();
   }

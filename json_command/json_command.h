@@ -206,8 +206,8 @@ class JsonCommand {
   // Json::Reader::parse of `text` into *root. False (and *root null) when the
   // reader refuses the text or throws (nesting deeper than 1,000 levels).
   static bool ParseText(const std::string& text, Json::Value* root, bool collectComments);
-  // The styled text of `value` (Json::StyledWriter); "" should the writer
-  // throw.
+  // The styled text of `value`, byte for byte Json::StyledWriter's (see
+  // styled_text.h); "" should writing throw.
   static std::string StyledText(const Json::Value& value);
 
  private:

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <regex>
 #include <string>
@@ -147,6 +148,34 @@ TEST(HttpParamRequestResults, GetResultStructForms) {
   request->GetStringResultStruct("s", nullptr, 0, 0, "");
   EXPECT_EQ("{\n   \"id\" : \"c2\",\n   \"method\" : \"V\",\n   \"result\" : [ true, 7, \"s\" ]\n}\n",
             Result(request));
+}
+
+// Every builder stores its document when it is called: the response object
+// shows it at once, and a value put on the stack without a build does not
+// reach the stored document.
+TEST(HttpParamRequestResults, EachBuildStoresItsDocumentAtOnce) {
+  const std::string head = "{\n   \"id\" : \"c2\",\n   \"method\" : \"V\",\n   \"result\" : [ ";
+  Request request = MakeRequest("{\"id\":\"c2\",\"method\":\"V\"}");
+  HttpParamResponse* response = request->GetHttpParamResponse();
+  std::string json = "\"j\"";
+  const std::pair<std::function<void()>, std::string> builds[] = {
+      {[&] { request->GetStringResultStruct("a", nullptr, 0, 0, ""); }, "\"a\""},
+      {[&] { request->GetResultStruct<int>(1, nullptr, 0, 0, ""); }, "\"a\", 1"},
+      {[&] { request->GetResultStruct<bool>(true, nullptr, 0, 0, ""); }, "\"a\", 1, true"},
+      {[&] { request->AddStringResultParam("b", false, 0, ""); }, "\"a\", 1, true, \"b\""},
+      {[&] { request->AddResultParam<std::string>("c", false, 0, ""); }, "\"a\", 1, true, \"b\", \"c\""},
+      {[&] { request->AddJsonStringResultParam(json, false, 0, ""); }, "\"a\", 1, true, \"b\", \"c\", \"j\""},
+  };
+  for (const auto& build : builds) {
+    build.first();
+    EXPECT_EQ(head + build.second + " ]\n}\n", response->GetJsonResult());
+    request->GetParamStack()->push_back(new Json::Value("unbuilt"));
+    EXPECT_EQ(head + build.second + " ]\n}\n", response->GetJsonResult()) << "only a build stores";
+    delete request->GetParamStack()->back();
+    request->GetParamStack()->pop_back();
+  }
+  request->GetResultStructByJsonString("{}");
+  EXPECT_EQ("{}", response->GetJsonResult());
 }
 
 TEST(HttpParamRequestResults, ResultDataIsCopiedReplacedAndConsumedBySend) {
