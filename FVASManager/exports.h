@@ -15,7 +15,9 @@ int DoAction(int action, char const* exeFile, char const* modulePath, int seed);
 // Copies the body first; a non-zero `reject` then returns 0 at once (the copy
 // is not freed on that path). Otherwise the request goes to the router, which
 // owns the copy. Exceptions of the router (the bounds-checked type position of
-// an upload URL) reach the caller.
+// an upload URL) reach the caller. A null url, request or domain is read as an
+// empty text (the request is then answered as an invalid command) rather than
+// followed.
 int DistributeCommand(int connection, void* handle, int reject, char const* url, char const* request,
                       unsigned char const* body, unsigned int bodyLen, int browserType, SendBackCallback sendBack,
                       int socket, char const* domain, HostGetDataCallback get1, HostSetDataCallback set,
