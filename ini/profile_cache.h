@@ -1,13 +1,26 @@
 // The parsed-document cache behind the profile-string functions.
 //
-// A document is re-used only while a stat of its file matches what was seen
-// when it was read: device, inode, size, and modification and change times in
-// nanoseconds. File timestamps are coarse (a write within the same clock tick
-// leaves them unchanged), so an entry whose modification time lies within
-// kRacyWindowNs of the moment it was read is "racily clean": it is re-read and
-// compared byte for byte on every use until that moment is older than the
-// window. Documents are immutable once published, so any number of threads may
-// read them at once.
+// A cached document is used only while nothing can have changed its file
+// since it was read. Two ways of knowing that:
+//
+//  - Watched (the default where it works): the file's folder is watched for
+//    change notices (folder_watch.h) before the file is read. Any write,
+//    attribute change, rename, creation or removal of the file drops its
+//    document, as does a lost notice or the end of the folder's watch. An
+//    unchanged file then costs one read of the notice descriptor that finds
+//    nothing, shared by every file watched.
+//  - Stamped (where the folder cannot be watched, or with watching off): a
+//    stat of the file must match what was seen when it was read: device,
+//    inode, size, and modification and change times in nanoseconds. File
+//    timestamps are coarse (a write within the same clock tick leaves them
+//    unchanged), so an entry whose modification time lies within
+//    kRacyWindowNs of the moment it was read is "racily clean": it is re-read
+//    and compared byte for byte on every use until that moment is older than
+//    the window.
+//
+// Either way the very next read after a change sees it. Documents are
+// immutable once published, so any number of threads may read them at once.
+// A forked child starts with an empty cache of its own.
 #pragma once
 
 #include <map>
@@ -16,6 +29,7 @@
 #include <string>
 #include <sys/stat.h>
 
+#include "ini/folder_watch.h"
 #include "ini/ini_file.h"
 
 class ProfileCache {
@@ -29,16 +43,22 @@ class ProfileCache {
   // Forgets the file (after this process wrote it).
   void Invalidate(const char* fileName);
   void Clear();
+  // Watching on (the default) or off; switching forgets everything.
+  void SetWatching(bool on);
+  bool Watching();
 
   // Counters for tests and benchmarks.
   struct Stats {
     unsigned long long hits = 0;          // re-used without reading
     unsigned long long racyRereads = 0;   // read again and found unchanged
     unsigned long long parses = 0;        // parsed anew
+    unsigned long long watchedHits = 0;   // of the hits, those a watch vouched for
   };
   Stats GetStats();
 
  private:
+  ProfileCache();
+
   struct Stamp {
     dev_t device = 0;
     ino_t inode = 0;
@@ -51,15 +71,26 @@ class ProfileCache {
     }
   };
   struct Entry {
-    Stamp stamp;
+    int watchId = -1;    // the folder's watch, or -1 for a stamped entry
+    Stamp stamp;         // stamped entries only
     long long readAtNs = 0;  // wall clock just before the bytes were read
-    std::string bytes;
+    std::string bytes;       // stamped entries only: kept for the racy check
     std::shared_ptr<const CIniFileA> document;
   };
 
   static Stamp StampOf(const struct stat& st);
+  std::shared_ptr<const CIniFileA> GetWatched(const char* fileName, int watchId);
+  std::shared_ptr<const CIniFileA> GetStamped(const char* fileName);
+  void DrainNotices();
+  // Runs around fork(): the child gets a consistent, empty cache and no watch.
+  static void BeforeFork();
+  static void AfterForkInParent();
+  static void AfterForkInChild();
 
   std::mutex m_mutex;
+  bool m_watching = true;
+  FolderWatch m_watch;
+  FolderWatch::Notices m_notices;
   // Looked up by the caller's text without building a string each time.
   std::map<std::string, Entry, std::less<>> m_entries;
   Stats m_stats;

@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <shared_mutex>
 #include <string>
 #include <thread>
@@ -157,16 +159,22 @@ TEST(ProfileOnUnreadablePaths, ReadAsMissingAndAreNeverWritten) {
 
 // ---- The document cache -------------------------------------------------------
 
-class ProfileCacheTest : public testing::Test {
+// Every case runs on both ways of knowing a file unchanged: with its folder
+// watched, and with a stat of the file on every use.
+class ProfileCacheTest : public testing::TestWithParam<bool> {
  protected:
-  void SetUp() override { ProfileCache::Instance().Clear(); }
+  void SetUp() override { ProfileCache::Instance().SetWatching(Watched()); }
+  void TearDown() override { ProfileCache::Instance().SetWatching(true); }
+  static bool Watched() { return GetParam(); }
   std::string Value(const std::string& file) { return Read(file, "S", "k"); }
 };
+INSTANTIATE_TEST_SUITE_P(Both, ProfileCacheTest, testing::Values(true, false),
+                         [](const testing::TestParamInfo<bool>& info) { return info.param ? "Watched" : "Stamped"; });
 
 // Rewrites the file in place with the same size from another process, within
 // the same clock tick as the previous read: the stamp does not change, and the
 // next read must still see the new text.
-TEST_F(ProfileCacheTest, SameSizeEditByAnotherProcessIsSeenAtOnce) {
+TEST_P(ProfileCacheTest, SameSizeEditByAnotherProcessIsSeenAtOnce) {
   TempDir dir;
   std::string file = dir / "c.ini";
   WriteFile(file, "[S]\nk=aaaa\n");
@@ -187,7 +195,7 @@ TEST_F(ProfileCacheTest, SameSizeEditByAnotherProcessIsSeenAtOnce) {
   RecordProperty("same_mtime", before.st_mtim.tv_nsec == after.st_mtim.tv_nsec ? 1 : 0);
 }
 
-TEST_F(ProfileCacheTest, EditWithTheSameStampIsCaughtByTheRacyReread) {
+TEST_P(ProfileCacheTest, EditWithTheSameStampIsCaughtByTheRacyReread) {
   TempDir dir;
   std::string file = dir / "c.ini";
   WriteFile(file, "[S]\nk=1111\n");
@@ -202,7 +210,7 @@ TEST_F(ProfileCacheTest, EditWithTheSameStampIsCaughtByTheRacyReread) {
   EXPECT_EQ("2222", Value(file));
 }
 
-TEST_F(ProfileCacheTest, ReplacedFileIsSeen) {
+TEST_P(ProfileCacheTest, ReplacedFileIsSeen) {
   TempDir dir;
   std::string file = dir / "c.ini";
   WriteFile(file, "[S]\nk=old\n");
@@ -216,7 +224,73 @@ TEST_F(ProfileCacheTest, ReplacedFileIsSeen) {
   EXPECT_EQ("back", Value(file));
 }
 
-TEST_F(ProfileCacheTest, OldUnchangedFileIsReusedWithoutReading) {
+// Changes to the folder rather than the file: each scenario changes what the
+// path names, and the very next read must see it.
+TEST_P(ProfileCacheTest, FolderChangesAreSeen) {
+  TempDir dir;
+  const std::string a = dir / "a", moved = dir / "moved", file = dir / "a/c.ini";
+  const std::pair<const char*, std::function<void()>> scenarios[] = {
+      {"file moved away", [&] { rename(file.c_str(), (dir / "elsewhere.ini").c_str()); }},
+      {"folder removed and made again",
+       [&] {
+         unlink(file.c_str());
+         rmdir(a.c_str());
+         mkdir(a.c_str(), 0755);
+       }},
+      {"folder moved away and another put in its place",
+       [&] {
+         rename(a.c_str(), moved.c_str());
+         mkdir(a.c_str(), 0755);
+       }},
+  };
+  for (const auto& scenario : scenarios) {
+    mkdir(a.c_str(), 0755);
+    WriteFile(file, "[S]\nk=before\n");
+    EXPECT_EQ("before", Value(file));
+    scenario.second();
+    EXPECT_EQ("", Value(file)) << scenario.first;
+    WriteFile(file, "[S]\nk=after\n");
+    EXPECT_EQ("after", Value(file)) << scenario.first;
+    std::system(("rm -rf " + a + " " + moved).c_str());
+  }
+
+  // A folder reached through a symbolic link that is re-pointed.
+  mkdir((dir / "one").c_str(), 0755);
+  mkdir((dir / "two").c_str(), 0755);
+  WriteFile(dir / "one/c.ini", "[S]\nk=one\n");
+  WriteFile(dir / "two/c.ini", "[S]\nk=two\n");
+  symlink((dir / "one").c_str(), (dir / "link").c_str());
+  EXPECT_EQ("one", Value(dir / "link/c.ini"));
+  symlink((dir / "two").c_str(), (dir / "next").c_str());
+  rename((dir / "next").c_str(), (dir / "link").c_str());
+  EXPECT_EQ("two", Value(dir / "link/c.ini"));
+}
+
+// A forked child reads the cache too; the parent must still see every change.
+TEST_P(ProfileCacheTest, ChildReadsDoNotHideChangesFromTheParent) {
+  TempDir dir;
+  const std::string file = dir / "c.ini";
+  WriteFile(file, "[S]\nk=old\n");
+  EXPECT_EQ("old", Value(file));
+  int go[2];
+  ASSERT_EQ(0, pipe(go));
+  pid_t child = fork();
+  if (child == 0) {
+    char byte;
+    if (read(go[0], &byte, 1) != 1) _exit(2);
+    _exit(Value(file) == "new" ? 0 : 1);
+  }
+  WriteFile(file, "[S]\nk=new\n");
+  ASSERT_EQ(1, write(go[1], "x", 1));
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ("new", Value(file));
+  close(go[0]);
+  close(go[1]);
+}
+
+TEST_P(ProfileCacheTest, OldUnchangedFileIsReusedWithoutReading) {
   TempDir dir;
   std::string file = dir / "c.ini";
   WriteFile(file, "[S]\nk=v\n");
@@ -227,18 +301,21 @@ TEST_F(ProfileCacheTest, OldUnchangedFileIsReusedWithoutReading) {
   ProfileCache::Stats end = ProfileCache::Instance().GetStats();
   EXPECT_EQ(1u, end.parses - start.parses);
   EXPECT_EQ(4u, end.hits - start.hits);
+  EXPECT_EQ(Watched() ? 4u : 0u, end.watchedHits - start.watchedHits);
   EXPECT_EQ(0u, end.racyRereads - start.racyRereads);
 
-  // A fresh file is racily clean: it is read again (not parsed) on each use.
+  // A fresh file: a watched one is re-used at once, a stamped one is racily
+  // clean and read again (not parsed) on each use.
   WriteFile(file, "[S]\nk=w\n");
   start = ProfileCache::Instance().GetStats();
   for (int i = 0; i < 3; ++i) EXPECT_EQ("w", Value(file));
   end = ProfileCache::Instance().GetStats();
   EXPECT_EQ(1u, end.parses - start.parses);
-  EXPECT_EQ(2u, end.racyRereads - start.racyRereads);
+  EXPECT_EQ(Watched() ? 0u : 2u, end.racyRereads - start.racyRereads);
+  EXPECT_EQ(Watched() ? 2u : 0u, end.hits - start.hits);
 }
 
-TEST_F(ProfileCacheTest, OwnWritesAreSeenByTheNextRead) {
+TEST_P(ProfileCacheTest, OwnWritesAreSeenByTheNextRead) {
   TempDir dir;
   std::string file = dir / "c.ini";
   for (int i = 0; i < 20; ++i) {
@@ -248,7 +325,7 @@ TEST_F(ProfileCacheTest, OwnWritesAreSeenByTheNextRead) {
   }
 }
 
-TEST_F(ProfileCacheTest, ConcurrentReadersAndAWriter) {
+TEST_P(ProfileCacheTest, ConcurrentReadersAndAWriter) {
   TempDir dir;
   std::string file = dir / "c.ini";
   WriteFile(file, "[S]\nk=0\n");
