@@ -6,11 +6,14 @@
 // measured. The last figure is what each call would cost without the cache.
 //
 //   BM_StatConfigurationFile      the baseline: one bare stat of the file
+//   BM_EmptyNoticeRead            the floor of the watched path: one read of
+//                                 an inotify descriptor that finds nothing
 //   BM_FilteredLogDebug/watched   LogDebug at level 6 (filtered), folder watched
 //   BM_FilteredLogDebug/stamped   the same with a stat of the file per call
 //   BM_ParseConfigurationFile     loading and parsing the file, uncached
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,6 +55,16 @@ void BM_StatConfigurationFile(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(stat(file.c_str(), &st));
 }
 BENCHMARK(BM_StatConfigurationFile);
+
+void BM_EmptyNoticeRead(benchmark::State& state) {
+  const std::string& file = Folder().file();
+  const int notices = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  inotify_add_watch(notices, file.substr(0, file.rfind('/')).c_str(), IN_MODIFY | IN_ATTRIB | IN_MOVED_TO);
+  char buffer[4096];
+  for (auto _ : state) benchmark::DoNotOptimize(read(notices, buffer, sizeof(buffer)));
+  close(notices);
+}
+BENCHMARK(BM_EmptyNoticeRead);
 
 void BM_FilteredLogDebug(benchmark::State& state) {
   Folder();

@@ -6,24 +6,15 @@
 #include "platform/regular_file.h"
 #include "util/win_string.h"
 
-namespace {
-
-const std::shared_ptr<const CIniFileA>& EmptyDocument() {
-  static const std::shared_ptr<const CIniFileA> empty = std::make_shared<CIniFileA>();
-  return empty;
-}
-
-}  // namespace
-
 // ---- Profile strings ------------------------------------------------------------
 
 unsigned int GetPrivateProfileStringA(const char* section, const char* key, const char* defaultValue, char* buffer,
                                       unsigned int size, const char* fileName) {
-  std::shared_ptr<const CIniFileA> document =
-      fileName != nullptr ? ProfileCache::Instance().Get(fileName) : EmptyDocument();
-  const std::string value =
-      document->GetKeyValue(section != nullptr ? section : "", key != nullptr ? key : "",
-                            defaultValue != nullptr ? defaultValue : "");
+  if (section == nullptr) section = "";
+  if (key == nullptr) key = "";
+  if (defaultValue == nullptr) defaultValue = "";
+  const std::string value = fileName != nullptr ? ProfileCache::Instance().Lookup(fileName, section, key, defaultValue)
+                                                : std::string(defaultValue);
   if (buffer != nullptr && size >= 2) lstrcpyn(buffer, value.c_str(), size - 1);
   return static_cast<unsigned int>(strlen(value.c_str()));
 }

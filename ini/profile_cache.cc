@@ -91,21 +91,50 @@ std::shared_ptr<const CIniFileA> ProfileCache::Get(const char* fileName) {
   {
     std::lock_guard<std::mutex> hold(m_mutex);
     if (m_watching) {
-      DrainNotices();
-      auto found = m_entries.find(std::string_view(fileName));
-      if (found != m_entries.end() && found->second.watchId >= 0) {
-        ++m_stats.hits;
-        ++m_stats.watchedHits;
-        return found->second.document;
-      }
-      const int watchId = m_watch.Watch(FolderOf(fileName));
-      if (watchId >= 0) return GetWatched(fileName, watchId);
+      if (Entry* entry = WatchedEntry(fileName)) return entry->document;
     }
   }
   return GetStamped(fileName);
 }
 
-std::shared_ptr<const CIniFileA> ProfileCache::GetWatched(const char* fileName, int watchId) {
+std::string ProfileCache::Lookup(const char* fileName, const char* section, const char* key,
+                                 const char* defaultValue) {
+  {
+    std::lock_guard<std::mutex> hold(m_mutex);
+    if (m_watching) {
+      if (Entry* entry = WatchedEntry(fileName)) return LookupIn(*entry, section, key, defaultValue);
+    }
+  }
+  return GetStamped(fileName)->GetKeyValue(section, key, defaultValue);
+}
+
+std::string ProfileCache::LookupIn(Entry& entry, const char* section, const char* key, const char* defaultValue) {
+  for (const Remembered& lookup : entry.remembered) {
+    if (lookup.used && lookup.section == section && lookup.key == key) {
+      return lookup.found ? lookup.value : std::string(defaultValue);
+    }
+  }
+  const CIniFileA::CIniSectionA* found = entry.document->GetSection(section);
+  const CIniFileA::CIniSectionA::CIniKeyA* value = found != nullptr ? found->GetKey(key) : nullptr;
+  Remembered& lookup = entry.remembered[entry.nextRemembered++ % 4];
+  lookup.used = true;
+  lookup.section = section;
+  lookup.key = key;
+  lookup.found = value != nullptr;
+  lookup.value = value != nullptr ? value->GetValue() : std::string();
+  return value != nullptr ? value->GetValue() : std::string(defaultValue);
+}
+
+ProfileCache::Entry* ProfileCache::WatchedEntry(const char* fileName) {
+  DrainNotices();
+  auto found = m_entries.find(std::string_view(fileName));
+  if (found != m_entries.end() && found->second.watchId >= 0) {
+    ++m_stats.hits;
+    ++m_stats.watchedHits;
+    return &found->second;
+  }
+  const int watchId = m_watch.Watch(FolderOf(fileName));
+  if (watchId < 0) return nullptr;
   // The folder is watched before the file is read, so any change after this
   // read leaves a notice that drops the entry. What cannot be read (missing,
   // a folder, a FIFO...) is cached as the empty document it reads as.
@@ -118,9 +147,7 @@ std::shared_ptr<const CIniFileA> ProfileCache::GetWatched(const char* fileName, 
   } else {
     entry.document = EmptyDocument();
   }
-  std::shared_ptr<const CIniFileA> document = entry.document;
-  m_entries.insert_or_assign(std::string(fileName), std::move(entry));
-  return document;
+  return &m_entries.insert_or_assign(std::string(fileName), std::move(entry)).first->second;
 }
 
 std::shared_ptr<const CIniFileA> ProfileCache::GetStamped(const char* fileName) {

@@ -40,6 +40,10 @@ class ProfileCache {
 
   // The file's current document; an empty one when it cannot be read.
   std::shared_ptr<const CIniFileA> Get(const char* fileName);
+  // GetKeyValue(section, key, defaultValue) of the file's current document.
+  // A watched file remembers its last few lookups, so a repeated one (the
+  // log level of every log call) costs no search.
+  std::string Lookup(const char* fileName, const char* section, const char* key, const char* defaultValue);
   // Forgets the file (after this process wrote it).
   void Invalidate(const char* fileName);
   void Clear();
@@ -70,16 +74,27 @@ class ProfileCache {
              ctimeNs == o.ctimeNs;
     }
   };
+  // One lookup of a watched document and what it found.
+  struct Remembered {
+    std::string section, key, value;
+    bool used = false;
+    bool found = false;
+  };
   struct Entry {
     int watchId = -1;    // the folder's watch, or -1 for a stamped entry
     Stamp stamp;         // stamped entries only
     long long readAtNs = 0;  // wall clock just before the bytes were read
     std::string bytes;       // stamped entries only: kept for the racy check
     std::shared_ptr<const CIniFileA> document;
+    Remembered remembered[4];  // watched entries only, replaced in turn
+    unsigned nextRemembered = 0;
   };
 
   static Stamp StampOf(const struct stat& st);
-  std::shared_ptr<const CIniFileA> GetWatched(const char* fileName, int watchId);
+  // With the mutex held and watching on: the watched entry of the file, made
+  // now if need be; null when the file's folder cannot be watched.
+  Entry* WatchedEntry(const char* fileName);
+  static std::string LookupIn(Entry& entry, const char* section, const char* key, const char* defaultValue);
   std::shared_ptr<const CIniFileA> GetStamped(const char* fileName);
   void DrainNotices();
   // Runs around fork(): the child gets a consistent, empty cache and no watch.

@@ -58,6 +58,16 @@ TEST(GetPrivateProfileString, DefaultsAndEmptyValues) {
   EXPECT_EQ(1u, length);
   EXPECT_EQ("", Read(file, "S", "k", "0", 64, &length));
   EXPECT_EQ(0u, length);
+  EXPECT_EQ("other", Read(file, "S", "missing", "other")) << "a repeated lookup takes the default it is given";
+  // More keys than a file remembers lookups for, asked in turn, each spelt
+  // two ways.
+  WriteFile(file, "[S]\na=1\nb=2\nc=3\nd=4\ne=5\nf=6\n");
+  for (int round = 0; round < 3; ++round) {
+    for (const char* key : {"a", "B", "c", "D", "e", "F", "g"}) {
+      const std::string expected = key[0] == 'g' ? "none" : std::to_string(tolower(key[0]) - 'a' + 1);
+      EXPECT_EQ(expected, Read(file, round == 1 ? "s" : "S", key, "none")) << key;
+    }
+  }
   EXPECT_EQ("dflt", Read(dir / "none.ini", "S", "k", "dflt", 64, &length)) << "a missing file reads as empty";
   EXPECT_EQ(4u, length);
   EXPECT_EQ(5u, GetPrivateProfileStringA("S", "k", "hello", nullptr, 0, (dir / "none.ini").c_str()));
