@@ -3,11 +3,10 @@
 #include <limits.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <boost/program_options.hpp>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <random>
 #include <string>
@@ -17,26 +16,11 @@
 #include "host/module.h"
 #include "host/server.h"
 
+namespace po = boost::program_options;
+
 namespace {
 
 constexpr char kModuleFile[] = "libFVASManager.so";
-
-constexpr char kUsage[] =
-    "usage: qs-host [options]                 serve the module on 127.0.0.1\n"
-    "       qs-host call [options] [--url PATH] [--no-user-agent] 'JSON'\n"
-    "                                        run one command and print the answer\n"
-    "options:\n"
-    "  --module PATH       the module library (default: libFVASManager.so beside qs-host,\n"
-    "                      else ../FVASManager/libFVASManager.so)\n"
-    "  --port N            plain HTTP/WebSocket port (0: any free port); default: the\n"
-    "                      module's pair, the second when the first is taken\n"
-    "  --ports A,B         another plain pair to try in turn\n"
-    "  --tls-port N        HTTPS/WSS port (0: any free port); default: the module's TLS\n"
-    "                      pair, or any free port with --port 0\n"
-    "  --tls-ports A,B     another TLS pair to try in turn\n"
-    "  --threads N         worker threads (default: one per core, 2 to 8)\n"
-    "  --bench-route       also answer /host/bench with a fixed body, without the module\n"
-    "                      (the baseline of the load figure)\n";
 
 std::string ExePath() {
   char buffer[PATH_MAX + 1] = {};
@@ -57,22 +41,12 @@ std::string DefaultModulePath(const std::string& exeFolder) {
   return beside;
 }
 
-bool ParseInt(const std::string& text, int low, int high, int* out) {
-  if (text.empty()) return false;
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(text.c_str(), &end, 10);
-  if (errno != 0 || *end != '\0' || value < low || value > high) return false;
-  *out = static_cast<int>(value);
-  return true;
-}
-
+// "A,B": two ports tried in turn.
 bool ParsePair(const std::string& text, std::vector<int>* out) {
-  const size_t comma = text.find(',');
-  int first = 0;
-  int second = 0;
-  if (comma == std::string::npos || !ParseInt(text.substr(0, comma), 0, 65535, &first) ||
-      !ParseInt(text.substr(comma + 1), 0, 65535, &second)) {
+  int first = -1, second = -1;
+  char comma = 0, extra = 0;
+  if (sscanf(text.c_str(), "%d%c%d%c", &first, &comma, &second, &extra) != 3 || comma != ',' || first < 0 ||
+      first > 65535 || second < 0 || second > 65535) {
     return false;
   }
   *out = {first, second};
@@ -131,78 +105,137 @@ int RunCall(qs_host::Module& module, const std::string& exe, const std::string& 
   return status;
 }
 
+struct CommandLine {
+  bool help = false;
+  bool version = false;
+  bool call = false;
+  std::string module;
+  std::string url = "/kxp/";
+  bool noUserAgent = false;
+  std::string command;
+  std::string ports, tlsPorts;
+  qs_host::ServerOptions server;
+};
+
+po::options_description ServeOptions(CommandLine& line) {
+  qs_host::ServerOptions& s = line.server;
+  po::options_description options("options");
+  options.add_options()
+      ("help,h", po::bool_switch(&line.help), "print this help and exit")
+      ("version", po::bool_switch(&line.version), "print the version and exit")
+      ("module", po::value(&line.module)->value_name("PATH"),
+       "the module library (default: libFVASManager.so beside qs-host, else ../FVASManager/libFVASManager.so)")
+      ("port", po::value(&s.port)->value_name("N"),
+       "plain HTTP/WebSocket port (0: any free port); default: the module's pair, the second when the first is "
+       "taken")
+      ("ports", po::value(&line.ports)->value_name("A,B"), "another plain pair to try in turn")
+      ("tls-port", po::value(&s.tlsPort)->value_name("N"),
+       "HTTPS/WSS port (0: any free port); default: the module's TLS pair, or any free port with --port 0")
+      ("tls-ports", po::value(&line.tlsPorts)->value_name("A,B"), "another TLS pair to try in turn")
+      ("threads", po::value(&s.threads)->value_name("N"), "worker threads (default: one per core, 2 to 8)")
+      ("allow-host", po::value(&s.allowHosts)->composing()->value_name("NAME"),
+       "also serve requests whose Host names NAME (repeatable; for a proxy in front of the service)")
+      ("allow-origin", po::value(&s.allowOrigins)->composing()->value_name("ORIGIN"),
+       "also serve pages of ORIGIN (e.g. https://app.example) while the module's EnableCORSAll is off "
+       "(repeatable)")
+      ("head-timeout", po::value(&s.limits.headSeconds)->value_name("SECONDS"),
+       "time a client has to send a whole request head (default 30)")
+      ("idle-timeout", po::value(&s.limits.idleSeconds)->value_name("SECONDS"),
+       "time an idle connection is kept (default 60)")
+      ("max-connections", po::value(&s.limits.maxConnections)->value_name("N"),
+       "connections open at once; at the cap the longest idle one is closed (default 512)")
+      ("bench-route", po::bool_switch(&s.benchRoute),
+       "also answer /host/bench with a fixed body, without the module (the baseline of the load figure)");
+  return options;
+}
+
+po::options_description CallOptions(CommandLine& line) {
+  po::options_description options("call options");
+  options.add_options()
+      ("url", po::value(&line.url)->value_name("PATH"), "the request's URL (default /kxp/)")
+      ("no-user-agent", po::bool_switch(&line.noUserAgent), "call as a client without a User-Agent");
+  return options;
+}
+
+void PrintUsage(std::ostream& out, const po::options_description& serve, const po::options_description& call) {
+  out << "usage: qs-host [options]                  serve the module on the loopback\n"
+         "       qs-host call [--module PATH] [--url PATH] [--no-user-agent] 'JSON'\n"
+         "                                        run one command and print the answer\n\n"
+      << serve << "\n" << call;
+}
+
+// Parses the command line; false (with a message on standard error) when it
+// is not understood.
+bool Parse(int argc, char** argv, CommandLine* line) {
+  po::options_description serve = ServeOptions(*line);
+  po::options_description call = CallOptions(*line);
+  std::vector<std::string> args(argv + 1, argv + argc);
+  line->call = !args.empty() && args[0] == "call";
+  if (line->call) args.erase(args.begin());
+  try {
+    po::variables_map values;
+    if (line->call) {
+      po::options_description all;
+      all.add_options()("module", po::value(&line->module));
+      all.add(call).add_options()("command", po::value(&line->command));
+      po::positional_options_description positional;
+      positional.add("command", 1);
+      po::store(po::command_line_parser(args).options(all).positional(positional).run(), values);
+    } else {
+      po::store(po::command_line_parser(args).options(serve).run(), values);
+    }
+    po::notify(values);
+    if (line->call && line->command.empty()) throw po::error("call needs a JSON command");
+  } catch (const po::error& e) {
+    PrintUsage(std::cerr, serve, call);
+    std::cerr << "qs-host: " << e.what() << std::endl;
+    return false;
+  }
+  qs_host::ServerOptions& s = line->server;
+  const char* bad = nullptr;
+  if (s.port < -1 || s.port > 65535) bad = "--port needs a port number";
+  if (s.tlsPort < -1 || s.tlsPort > 65535) bad = "--tls-port needs a port number";
+  if (!line->ports.empty() && !ParsePair(line->ports, &s.portPair)) bad = "--ports needs two ports: A,B";
+  if (!line->tlsPorts.empty() && !ParsePair(line->tlsPorts, &s.tlsPortPair)) bad = "--tls-ports needs two ports: A,B";
+  if (s.threads < 1 || s.threads > 64) bad = "--threads needs 1 to 64";
+  if (s.limits.headSeconds < 1 || s.limits.idleSeconds < 1) bad = "time-outs are whole seconds, at least 1";
+  if (s.limits.maxConnections < 1) bad = "--max-connections needs at least 1";
+  if (bad != nullptr) {
+    std::cerr << "qs-host: " << bad << "\n";
+    return false;
+  }
+  if (line->help) PrintUsage(std::cout, serve, call);
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
-  const bool call = !args.empty() && args[0] == "call";
-  if (call) args.erase(args.begin());
+  CommandLine line;
+  line.server.threads = static_cast<int>(std::min(8u, std::max(2u, std::thread::hardware_concurrency())));
+  if (!Parse(argc, argv, &line)) return 1;
+  if (line.help) return 0;
+  if (line.version) {
+    std::cout << "qs-host " << QS_VERSION << std::endl;
+    return 0;
+  }
 
   const std::string exe = ExePath();
-  qs_host::ServerOptions options;
-  options.exeFolder = FolderOf(exe);
-  options.threads = static_cast<int>(std::min(8u, std::max(2u, std::thread::hardware_concurrency())));
-  std::string modulePath;
-  std::string url = "/kxp/";
-  bool userAgent = true;
-  std::string command;
-  bool haveCommand = false;
-
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& arg = args[i];
-    auto value = [&](std::string* out) {
-      if (i + 1 >= args.size()) return false;
-      *out = args[++i];
-      return true;
-    };
-    std::string text;
-    if (arg == "-h" || arg == "--help") {
-      std::cout << kUsage;
-      return 0;
-    } else if (arg == "--module") {
-      if (!value(&modulePath)) return Fail("--module needs a path");
-    } else if (!call && arg == "--port") {
-      if (!value(&text) || !ParseInt(text, 0, 65535, &options.port)) return Fail("--port needs a port number");
-    } else if (!call && arg == "--ports") {
-      if (!value(&text) || !ParsePair(text, &options.portPair)) return Fail("--ports needs two ports: A,B");
-    } else if (!call && arg == "--tls-port") {
-      if (!value(&text) || !ParseInt(text, 0, 65535, &options.tlsPort)) return Fail("--tls-port needs a port number");
-    } else if (!call && arg == "--tls-ports") {
-      if (!value(&text) || !ParsePair(text, &options.tlsPortPair)) return Fail("--tls-ports needs two ports: A,B");
-    } else if (!call && arg == "--threads") {
-      if (!value(&text) || !ParseInt(text, 1, 64, &options.threads)) return Fail("--threads needs 1 to 64");
-    } else if (!call && arg == "--bench-route") {
-      options.benchRoute = true;
-    } else if (call && arg == "--url") {
-      if (!value(&url)) return Fail("--url needs a path");
-    } else if (call && arg == "--no-user-agent") {
-      userAgent = false;
-    } else if (call && !haveCommand && (arg.empty() || arg[0] != '-')) {
-      command = arg;
-      haveCommand = true;
-    } else {
-      std::cerr << kUsage;
-      return Fail("unknown argument: " + arg);
-    }
-  }
-  if (call && !haveCommand) {
-    std::cerr << kUsage;
-    return Fail("call needs a JSON command");
-  }
-  if (modulePath.empty()) modulePath = DefaultModulePath(options.exeFolder);
+  line.server.exeFolder = FolderOf(exe);
+  if (line.module.empty()) line.module = DefaultModulePath(line.server.exeFolder);
 
   qs_host::Module module;
   std::string error;
-  if (!module.Load(modulePath, &error)) return Fail(error);
+  if (!module.Load(line.module, &error)) return Fail(error);
 
-  if (call) return RunCall(module, exe, url, userAgent, command);
+  if (line.call) return RunCall(module, exe, line.url, !line.noUserAgent, line.command);
 
   // A peer that goes away mid-write must not end the process.
   std::signal(SIGPIPE, SIG_IGN);
   module.DoAction(0, exe, Seed());
   int signal = 0;
   {
-    qs_host::Server server(module, options);
+    qs_host::Server server(module, line.server);
     if (!server.Start(&error)) {
       module.DoAction(3, exe, 0);
       return Fail(error);

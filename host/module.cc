@@ -44,14 +44,12 @@ bool Module::Load(const std::string& path, std::string* error) {
 }
 
 int Module::DoAction(int action, const std::string& exeFile, int seed) {
-  std::lock_guard<std::mutex> hold(commandLock_);
   return doAction_(action, exeFile.c_str(), path_.c_str(), seed);
 }
 
 int Module::Distribute(int connection, void* handle, const std::string& url, const std::string& request,
                        const unsigned char* body, unsigned int bodyLen, int browserType, SendBackCallback sendBack,
                        int socket, const std::string& domain) {
-  std::lock_guard<std::mutex> hold(commandLock_);
   return distributeCommand_(connection, handle, 0, url.c_str(), request.c_str(), body, bodyLen, browserType,
                             sendBack, socket, domain.c_str(), nullptr, nullptr, nullptr);
 }

@@ -1,9 +1,10 @@
 // The plug-in as the host sees it: one shared library opened with dlopen, its
-// flat exports resolved by name, and the few rules the host keeps when calling
-// them (commands one at a time, image records within their fixed size).
+// flat exports resolved by name, and the rule the host keeps when calling them
+// (image records within their fixed size). Commands may be given from several
+// threads at once: the module guards its own shared state. The host calls
+// DoAction(0) before the first command and DoAction(3) after the last.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,9 +33,8 @@ class Module {
 
   int DoAction(int action, const std::string& exeFile, int seed);
 
-  // One request into the module, with the host's callback. Calls are made one
-  // at a time: the module's command executor expects its host to serialise
-  // them. Whatever the module throws reaches the caller.
+  // One request into the module, with the host's callback; any thread, any
+  // number at once. Whatever the module throws reaches the caller.
   int Distribute(int connection, void* handle, const std::string& url, const std::string& request,
                  const unsigned char* body, unsigned int bodyLen, int browserType, SendBackCallback sendBack,
                  int socket, const std::string& domain);
@@ -62,7 +62,6 @@ class Module {
 
   void* library_ = nullptr;
   std::string path_;
-  std::mutex commandLock_;
 
   DoActionFn doAction_ = nullptr;
   DistributeCommandFn distributeCommand_ = nullptr;

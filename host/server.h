@@ -1,7 +1,8 @@
-// The host's network side: HTTP/1.1 and WebSocket on 127.0.0.1 (and HTTPS/WSS
-// when the module's certificate folder holds a certificate and its key),
-// several worker threads, idle housekeeping paced by the module's wait
-// timeout, and a clean stop on SIGINT or SIGTERM.
+// The host's network side: HTTP/1.1 and WebSocket on the loopback (and HTTPS
+// and WSS when the module's certificate folder holds a certificate and its
+// key), several worker threads, the request policy of policy.h, idle
+// housekeeping paced by the module's wait timeout, and a clean stop on SIGINT
+// or SIGTERM.
 #pragma once
 
 #include <memory>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "host/module.h"
+#include "host/policy.h"
 
 namespace qs_host {
 
@@ -20,6 +22,9 @@ struct ServerOptions {
   std::vector<int> tlsPortPair;
   int threads = 2;
   bool benchRoute = false;      // serve the fixed answer at kBenchTarget
+  std::vector<std::string> allowHosts;    // Host names served beside the loopback's
+  std::vector<std::string> allowOrigins;  // origins served while CORS-all is off
+  Limits limits;
 };
 
 class Server {

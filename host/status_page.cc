@@ -1,5 +1,7 @@
 #include "host/status_page.h"
 
+#include <vector>
+
 namespace qs_host {
 
 namespace {
@@ -38,6 +40,10 @@ constexpr char kPage[] = R"page(<!DOCTYPE html>
   <tr><th>User key</th><td id="user-key">&hellip;</td></tr>
   <tr><th>Enhanced multi-user mode</th><td id="enhanced">&hellip;</td></tr>
   <tr><th>Ports of this user</th><td id="ports">&hellip;</td></tr>
+</table>
+<h2>What this service accepts</h2>
+<table id="policy">
+@POLICY@
 </table>
 <h2>Commands and answers</h2>
 <pre id="log"></pre>
@@ -161,9 +167,38 @@ constexpr char kPage[] = R"page(<!DOCTYPE html>
 </html>
 )page";
 
+std::string Escaped(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+std::string Row(const char* id, const char* name, const std::string& value) {
+  return std::string("  <tr><th>") + name + "</th><td id=\"" + id + "\">" + Escaped(value) + "</td></tr>\n";
+}
+
+std::string List(const std::string& fixed, const std::vector<std::string>& extra) {
+  std::string text = fixed;
+  for (const std::string& item : extra) text += ", " + item;
+  return text;
+}
+
+void Fill(std::string* page, const std::string& marker, const std::string& text) {
+  const size_t at = page->find(marker);
+  if (at != std::string::npos) page->replace(at, marker.size(), text);
+}
+
 }  // namespace
 
-std::string StatusPage(const std::string& alias) {
+std::string StatusPage(const std::string& alias, const RequestPolicy& policy, const Limits& limits) {
   // The alias goes into a script string: only plain characters are kept.
   std::string safe;
   for (char c : alias) {
@@ -171,10 +206,23 @@ std::string StatusPage(const std::string& alias) {
       safe += c;
     }
   }
+  std::string rows;
+  rows += Row("policy-cors", "CORS for all origins", policy.corsForAll() ? "on" : "off");
+  rows += Row("policy-hosts", "Host names served", List("127.0.0.1, localhost, [::1]", policy.extraHosts()));
+  rows += Row("policy-origins", "Origins served",
+              policy.corsForAll() ? std::string("any") : List("the loopback's (http and https, any port)",
+                                                               policy.extraOrigins()));
+  rows += Row("policy-limits", "Limits",
+              "request head " + std::to_string(limits.headSeconds) + " s, idle connection " +
+                  std::to_string(limits.idleSeconds) + " s, " + std::to_string(limits.maxConnections) +
+                  " connections, header section " + std::to_string(limits.headerBytes / 1024) + " KiB");
+  rows += Row("policy-bodies", "Body limits",
+              "commands " + std::to_string(kCommandBodyLimit / 1024) + " KiB, package uploads " +
+                  std::to_string(kUploadBodyLimit / (1024 * 1024)) + " MiB, image records " +
+                  std::to_string(kImageBodyLimit) + " bytes");
   std::string page(kPage);
-  const std::string marker = "@ALIAS@";
-  const size_t at = page.find(marker);
-  if (at != std::string::npos) page.replace(at, marker.size(), safe);
+  Fill(&page, "@ALIAS@", safe);
+  Fill(&page, "@POLICY@", rows);
   return page;
 }
 

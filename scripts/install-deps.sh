@@ -9,7 +9,7 @@ packages=(
   clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libutfcpp-dev libjsoncpp-dev libminizip-dev zlib1g-dev zip unzip python3
-  libboost-dev libssl-dev
+  libboost-dev libboost-program-options-dev libssl-dev
   "$@"
 )
 

@@ -188,7 +188,7 @@ TEST_F(HostTest, ImageRecordsAndTheSizeGuard) {
   EXPECT_EQ(404, HttpCall(port, http::verb::get, getA).status);
   EXPECT_EQ(400, HttpCall(port, http::verb::post, "/SetEncryptedImageMap?x=1", "abc").status);
   // Everything after "GUID=" is the key.
-  EXPECT_EQ(204, HttpCall(port, http::verb::put, "/SetEncryptedImageMap?GUID=B&x=1", "b").status);
+  EXPECT_EQ(204, HttpCall(port, http::verb::post, "/SetEncryptedImageMap?GUID=B&x=1", "b").status);
   EXPECT_EQ(404, HttpCall(port, http::verb::get, "/GetEncryptedImageMap?GUID=B").status);
   EXPECT_EQ(200, HttpCall(port, http::verb::get, "/GetEncryptedImageMap?GUID=B&x=1").status);
 }
@@ -206,23 +206,6 @@ TEST_F(HostTest, CorsPreflightIsAnsweredByTheHost) {
   EXPECT_EQ("true", reply.Header("access-control-allow-private-network"));
   EXPECT_EQ("600", reply.Header("access-control-max-age"));
   EXPECT_EQ("", reply.body);
-}
-
-TEST(HostCors, ClosedWhenTheConfigurationSaysSo) {
-  HostProcess host;
-  qs_test::WriteFile(host / "QSConfiguration.ini", "[QS]\nEnableCORSAll=FALSE\nQSVersion=5,1,0,7\n");
-  ASSERT_TRUE(host.Start()) << host.Output();
-  EXPECT_NE(std::string::npos, host.Output().find("qs-host: CORS for all origins off\n"));
-  HttpReply reply = HttpCall(host.port(), http::verb::post, "/kxp/", R"({"id":"1","method":"QSVersion"})",
-                             {{"Origin", "https://page.example"}});
-  ExpectJson(reply, QSVersionAnswer("1", "", "5,1,0,7"));
-  EXPECT_EQ("<none>", reply.Header("access-control-allow-origin"));
-  reply = HttpCall(host.port(), http::verb::options, "/kxp/", "",
-                   {{"Origin", "https://page.example"}, {"Access-Control-Request-Method", "POST"}});
-  EXPECT_EQ(204, reply.status);
-  EXPECT_EQ("<none>", reply.Header("access-control-allow-origin"));
-  EXPECT_EQ("<none>", reply.Header("access-control-allow-methods"));
-  EXPECT_EQ(0, host.Stop()) << host.Output();
 }
 
 // Many clients at once, half on HTTP keep-alive connections, half on

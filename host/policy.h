@@ -1,0 +1,82 @@
+// The request policy of the host: which requests a page on this machine may
+// make at all, before anything reaches the module.
+//
+//  - Host: only names of the loopback are served (127.0.0.1, localhost, [::1],
+//    with or without a port, plus names given with --allow-host), so a page
+//    whose own name was re-bound to 127.0.0.1 cannot drive the module as if it
+//    were same-origin. Anything else is 403; an HTTP/1.1 request without Host
+//    is 400.
+//  - Origin, one rule for HTTP and WebSocket: with the module's CORS-all flag
+//    on every origin is served and answers say "Access-Control-Allow-Origin:
+//    *"; with it off only loopback origins (http or https, any port) and
+//    origins given with --allow-origin are served, their origin echoed with
+//    "Vary: Origin", and any other origin is 403. A request without Origin
+//    (scripts, curl) is served.
+//  - Methods GET, HEAD, POST and OPTIONS; anything else is 405.
+//  - Body limits per route, and the time and connection limits below.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/routes.h"
+
+namespace qs_host {
+
+// Limits of a connection; the defaults are what qs-host uses unless told
+// otherwise on its command line.
+struct Limits {
+  int headSeconds = 30;        // from a request's first byte to the end of its head
+  int idleSeconds = 60;        // a connection waiting for the next request
+  int maxConnections = 512;    // open at once; at the cap the longest idle goes
+  std::size_t headerBytes = 16 * 1024;  // the whole header section
+};
+
+// The largest body each route takes: an image record is 2052 bytes, an update
+// package upload up to 64 MiB, any other command 1 MiB; the page, preflights
+// and image reads take none.
+constexpr std::uint64_t kImageBodyLimit = 2052;
+constexpr std::uint64_t kUploadBodyLimit = 64ull * 1024 * 1024;
+constexpr std::uint64_t kCommandBodyLimit = 1024 * 1024;
+std::uint64_t BodyLimitFor(Route route, std::string_view target);
+
+// The methods served, as an Allow header says them.
+constexpr std::string_view kAllowedMethods = "GET, HEAD, POST, OPTIONS";
+bool MethodAllowed(std::string_view method);
+
+// What the Origin rule says of a request.
+enum class OriginVerdict {
+  kNoOrigin,   // CORS-all off and no Origin header: served, no CORS headers
+  kAnyOrigin,  // CORS-all on: served, "Access-Control-Allow-Origin: *"
+  kEchoed,     // an allowed origin: served, the origin echoed
+  kRefused,    // 403
+};
+
+class RequestPolicy {
+ public:
+  RequestPolicy() = default;
+  RequestPolicy(bool corsForAll, std::vector<std::string> extraHosts, std::vector<std::string> extraOrigins);
+
+  // `host` is the Host header's value, `present` whether there was one.
+  // 0 when the request may go on, else the status to answer: 400 for an
+  // HTTP/1.1 request without Host, 403 for a name that is not allowed.
+  int CheckHost(bool present, std::string_view host, unsigned httpVersion) const;
+  OriginVerdict CheckOrigin(bool present, std::string_view origin) const;
+
+  bool corsForAll() const { return corsForAll_; }
+  const std::vector<std::string>& extraHosts() const { return extraHosts_; }
+  const std::vector<std::string>& extraOrigins() const { return extraOrigins_; }
+
+ private:
+  bool corsForAll_ = true;
+  std::vector<std::string> extraHosts_;    // lower case
+  std::vector<std::string> extraOrigins_;  // lower case, no trailing "/"
+};
+
+// Whether `origin` ("scheme://host[:port]") names the loopback over http or
+// https.
+bool IsLoopbackOrigin(std::string_view origin);
+
+}  // namespace qs_host

@@ -1,0 +1,186 @@
+#include "host/ws_session.h"
+
+#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <deque>
+#include <memory>
+
+#include "host/answers.h"
+#include "host/routes.h"
+
+namespace qs_host {
+
+namespace websocket = beast::websocket;
+
+namespace {
+
+template <class Stream>
+class WsSession : public AnswerSink, public Connection, public std::enable_shared_from_this<WsSession<Stream>> {
+ public:
+  WsSession(Stream&& stream, HostContext& host)
+      : ws_(std::move(stream)), executor_(ws_.get_executor()), host_(host) {}
+
+  ~WsSession() override {
+    if (connection_ != 0) Sinks().Remove(connection_);
+    if (tableId_ != 0) host_.connections.Remove(tableId_);
+  }
+
+  void Run(Request request) {
+    tableId_ = host_.connections.Add(this->shared_from_this());
+    url_ = std::string(request.target());
+    browserType_ = BrowserTypeFor(Header(request, http::field::user_agent));
+    domain_ = DomainOf(request);
+    socket_ = beast::get_lowest_layer(ws_).socket().native_handle();
+    beast::get_lowest_layer(ws_).expires_never();
+    websocket::stream_base::timeout timeouts{};
+    timeouts.handshake_timeout = std::chrono::seconds(host_.limits.headSeconds);
+    timeouts.idle_timeout = std::chrono::seconds(host_.limits.idleSeconds);
+    timeouts.keep_alive_pings = true;  // a live page answers pings; a dead peer goes
+    ws_.set_option(timeouts);
+    ws_.set_option(websocket::stream_base::decorator(
+        [](websocket::response_type& response) { response.set(http::field::server, "qs-host"); }));
+    ws_.read_message_max(IsUploadTarget(url_) ? kUploadBodyLimit : kCommandBodyLimit);
+    ws_.async_accept(request, beast::bind_front_handler(&WsSession::OnAccept, this->shared_from_this()));
+  }
+
+  void Deliver(int connection, Answer answer) override {
+    net::post(executor_, [self = this->shared_from_this(), connection, answer = std::move(answer)]() mutable {
+      if (connection != self->connection_ || self->closing_) return;
+      self->outbox_.push_back(Frame{true, std::move(answer.text)});
+      if (!answer.data.empty()) self->outbox_.push_back(Frame{false, std::move(answer.data)});
+      if (!self->writing_) self->WriteNext();
+    });
+  }
+
+  void Shutdown() override {
+    net::post(executor_, [self = this->shared_from_this()] {
+      self->Close(websocket::close_reason(websocket::close_code::going_away, "the service stops"));
+    });
+  }
+
+  void Evict() override {
+    net::post(executor_, [self = this->shared_from_this()] {
+      self->Close(websocket::close_reason(websocket::close_code::try_again_later, "too many connections"));
+    });
+  }
+
+ private:
+  struct Frame {
+    bool text;
+    std::string payload;
+  };
+
+  void* HandleForModule() { return static_cast<void*>(static_cast<AnswerSink*>(this)); }
+
+  void OnAccept(beast::error_code ec) {
+    if (ec) return;
+    connection_ = Sinks().Add(this->shared_from_this());
+    if (host_.stopping) return Close(websocket::close_reason(websocket::close_code::going_away, "the service stops"));
+    Read();
+  }
+
+  void Read() {
+    host_.connections.SetIdle(tableId_, true);
+    ws_.async_read(buffer_, beast::bind_front_handler(&WsSession::OnRead, this->shared_from_this()));
+  }
+
+  // A message over the limit fails the read; the stream has then sent the
+  // close frame with 1009 itself.
+  void OnRead(beast::error_code ec, std::size_t) {
+    if (ec) return;
+    host_.connections.SetIdle(tableId_, false);
+    const bool text = ws_.got_text();
+    const std::string message = beast::buffers_to_string(buffer_.data());
+    buffer_.consume(buffer_.size());
+    static const std::string kNoCommand;
+    const std::string& request = text ? message : kNoCommand;
+    const unsigned char* body =
+        text || message.empty() ? nullptr : reinterpret_cast<const unsigned char*>(message.data());
+    const unsigned int bodyLen = text ? 0 : static_cast<unsigned int>(message.size());
+    try {
+      host_.module->Distribute(connection_, HandleForModule(), url_, request, body, bodyLen, browserType_,
+                               &SendBackToSink, socket_, domain_);
+    } catch (const std::exception& e) {
+      return CloseAfterAnswers(std::string("the module raised: ") + e.what());
+    } catch (...) {
+      return CloseAfterAnswers("the module raised an exception");
+    }
+    Read();
+  }
+
+  // Answers the module sent before it raised are posted already; the close
+  // is posted behind them, so they go out first.
+  void CloseAfterAnswers(std::string why) {
+    if (why.size() > 120) why.resize(120);  // a close reason fits a 125-byte control frame
+    net::post(executor_, [self = this->shared_from_this(), why = std::move(why)] {
+      self->Close(websocket::close_reason(websocket::close_code::internal_error, why));
+    });
+  }
+
+  void WriteNext() {
+    writing_ = true;
+    ws_.text(outbox_.front().text);
+    ws_.async_write(net::buffer(outbox_.front().payload),
+                    beast::bind_front_handler(&WsSession::OnWrite, this->shared_from_this()));
+  }
+
+  void OnWrite(beast::error_code ec, std::size_t) {
+    outbox_.pop_front();
+    writing_ = false;
+    if (ec) {
+      outbox_.clear();
+      return;
+    }
+    if (!outbox_.empty()) return WriteNext();
+    if (pendingClose_) {
+      pendingClose_ = false;
+      StartClose();
+    }
+  }
+
+  void Close(websocket::close_reason reason) {
+    if (closing_) return;
+    closing_ = true;
+    closeReason_ = reason;
+    if (writing_) {
+      pendingClose_ = true;  // after the frame being written
+      outbox_.resize(1);
+      return;
+    }
+    outbox_.clear();
+    StartClose();
+  }
+
+  void StartClose() {
+    if (!ws_.is_open()) return;
+    ws_.async_close(closeReason_, [self = this->shared_from_this()](beast::error_code) {});
+  }
+
+  websocket::stream<Stream> ws_;
+  net::any_io_executor executor_;
+  HostContext& host_;
+  beast::flat_buffer buffer_;
+  int connection_ = 0;
+  int tableId_ = 0;
+  std::string url_;
+  int browserType_ = 0;
+  std::string domain_;
+  int socket_ = -1;
+  std::deque<Frame> outbox_;
+  bool writing_ = false;
+  bool closing_ = false;
+  bool pendingClose_ = false;
+  websocket::close_reason closeReason_;
+};
+
+}  // namespace
+
+template <class Stream>
+void StartWebSocket(Stream&& stream, Request request, HostContext& host) {
+  std::make_shared<WsSession<Stream>>(std::move(stream), host)->Run(std::move(request));
+}
+
+template void StartWebSocket<PlainStream>(PlainStream&&, Request, HostContext&);
+template void StartWebSocket<TlsStream>(TlsStream&&, Request, HostContext&);
+
+}  // namespace qs_host
