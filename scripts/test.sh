@@ -15,8 +15,9 @@ while (($#)); do
   esac
 done
 
-# The browser test of the host drives Debian's chromium.
-bash scripts/install-deps.sh chromium
+# The host's end-to-end tests use Debian's python3 with python3-websocket and
+# drive Debian's chromium.
+bash scripts/install-deps.sh chromium python3-websocket
 
 case "$preset" in
   asan)
