@@ -26,7 +26,9 @@ bash scripts/install-deps.sh wrk curl
 # The module's work folder is the executable's folder: a fresh one.
 work=$(mktemp -d /tmp/qs_host_load_XXXXXX)
 cp "$build/host/qs-host" "$build/host/libFVASManager.so" "$work/"
-"$work/qs-host" --port 0 --bench-route ${host_threads:+--threads "$host_threads"} >"$work/host.out" 2>&1 &
+root=""
+[[ $(id -u) -ne 0 ]] || root="--allow-root"
+"$work/qs-host" --port 0 --bench-route $root ${host_threads:+--threads "$host_threads"} >"$work/host.out" 2>&1 &
 host_pid=$!
 cleanup() {
   kill -TERM "$host_pid" 2>/dev/null || true

@@ -1,6 +1,7 @@
 #include "host/http_session.h"
 
 #include <boost/beast/websocket/rfc6455.hpp>
+#include <limits>
 #include <memory>
 #include <type_traits>
 
@@ -110,7 +111,9 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
   void ReadHeader() {
     parser_.emplace();
     parser_->header_limit(static_cast<std::uint32_t>(host_.limits.headerBytes));
-    parser_->body_limit(kCommandBodyLimit);
+    // The route's limit is applied once the head names the route. (A limit
+    // of none would be compared as smaller than any length here.)
+    parser_->body_limit(std::numeric_limits<std::uint64_t>::max());
     Expire(host_.limits.headSeconds);
     http::async_read_header(stream_, buffer_, *parser_,
                             beast::bind_front_handler(&HttpSession::OnHeader, this->shared_from_this()));

@@ -1,6 +1,9 @@
 #include "host/listener.h"
 
 #include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <cerrno>
 
 #include <chrono>
 
@@ -25,6 +28,17 @@ int Listener::Bind(const std::string& address, int port, beast::error_code& ec) 
     return -1;
   }
   return acceptor_.local_endpoint().port();
+}
+
+bool Listener::Adopt(int fd, beast::error_code& ec) {
+  sockaddr_storage address{};
+  socklen_t length = sizeof(address);
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    ec = beast::error_code(errno, boost::system::system_category());
+    return false;
+  }
+  acceptor_.assign(address.ss_family == AF_INET6 ? tcp::v6() : tcp::v4(), fd, ec);
+  return !ec;
 }
 
 void Listener::Accept() {

@@ -25,6 +25,9 @@ class Listener : public std::enable_shared_from_this<Listener> {
   // Binds `address` (a loopback address) and `port` (0: any free port);
   // returns the bound port, or -1 with `ec` set.
   int Bind(const std::string& address, int port, beast::error_code& ec);
+  // Takes over a socket that is already listening (handed over by the
+  // service manager); false with `ec` set when it cannot be used.
+  bool Adopt(int fd, beast::error_code& ec);
   bool IsOpen() const { return acceptor_.is_open(); }
   void Accept();
   // Stops accepting (from any thread).

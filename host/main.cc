@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <boost/program_options.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <cstdlib>
 #include <iostream>
 #include <random>
@@ -13,8 +15,11 @@
 #include <thread>
 #include <vector>
 
+#include "host/activation.h"
+#include "host/journal.h"
 #include "host/module.h"
 #include "host/server.h"
+#include "host/state_folder.h"
 
 namespace po = boost::program_options;
 
@@ -54,7 +59,7 @@ bool ParsePair(const std::string& text, std::vector<int>* out) {
 }
 
 int Fail(const std::string& message) {
-  std::cerr << "qs-host: " << message << std::endl;
+  qs_host::Say(qs_host::Priority::kError, "qs-host: " + message);
   return 1;
 }
 
@@ -108,6 +113,7 @@ int RunCall(qs_host::Module& module, const std::string& exe, const std::string& 
 struct CommandLine {
   bool help = false;
   bool version = false;
+  bool allowRoot = false;
   bool call = false;
   std::string module;
   std::string url = "/kxp/";
@@ -123,6 +129,8 @@ po::options_description ServeOptions(CommandLine& line) {
   options.add_options()
       ("help,h", po::bool_switch(&line.help), "print this help and exit")
       ("version", po::bool_switch(&line.version), "print the version and exit")
+      ("allow-root", po::bool_switch(&line.allowRoot),
+       "run even as root (the service is meant to run as the desktop user)")
       ("module", po::value(&line.module)->value_name("PATH"),
        "the module library (default: libFVASManager.so beside qs-host, else ../FVASManager/libFVASManager.so)")
       ("port", po::value(&s.port)->value_name("N"),
@@ -159,7 +167,7 @@ po::options_description CallOptions(CommandLine& line) {
 
 void PrintUsage(std::ostream& out, const po::options_description& serve, const po::options_description& call) {
   out << "usage: qs-host [options]                  serve the module on the loopback\n"
-         "       qs-host call [--module PATH] [--url PATH] [--no-user-agent] 'JSON'\n"
+         "       qs-host call [--module PATH] [--allow-root] [--url PATH] [--no-user-agent] 'JSON'\n"
          "                                        run one command and print the answer\n\n"
       << serve << "\n" << call;
 }
@@ -176,7 +184,7 @@ bool Parse(int argc, char** argv, CommandLine* line) {
     po::variables_map values;
     if (line->call) {
       po::options_description all;
-      all.add_options()("module", po::value(&line->module));
+      all.add_options()("module", po::value(&line->module))("allow-root", po::bool_switch(&line->allowRoot));
       all.add(call).add_options()("command", po::value(&line->command));
       po::positional_options_description positional;
       positional.add("command", 1);
@@ -220,12 +228,26 @@ int main(int argc, char** argv) {
     return 0;
   }
 
+  if (geteuid() == 0 && !line.allowRoot) {
+    return Fail("refusing to run as root: the service runs as the desktop user (--allow-root overrides)");
+  }
+
   const std::string exe = ExePath();
   line.server.exeFolder = FolderOf(exe);
+  // An installed qs-host runs from the user's state folder (state_folder.h).
+  std::string relocated;
+  std::string error;
+  if (!qs_host::PrepareStateFolder(line.server.exeFolder, line.server.exeFolder + kModuleFile, &relocated, &error)) {
+    return Fail(error);
+  }
+  if (!relocated.empty()) {
+    execv(relocated.c_str(), argv);
+    return Fail("cannot start " + relocated + ": " + strerror(errno));
+  }
   if (line.module.empty()) line.module = DefaultModulePath(line.server.exeFolder);
+  if (!line.call && !qs_host::TakeActivatedSockets(&line.server.inherited, &error)) return Fail(error);
 
   qs_host::Module module;
-  std::string error;
   if (!module.Load(line.module, &error)) return Fail(error);
 
   if (line.call) return RunCall(module, exe, line.url, !line.noUserAgent, line.command);

@@ -4,23 +4,16 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
-#include <iostream>
-#include <mutex>
 #include <thread>
 
 #include "host/answers.h"
 #include "host/http_common.h"
+#include "host/journal.h"
 #include "host/listener.h"
 #include "host/status_page.h"
 #include "host/tls.h"
 
 namespace qs_host {
-
-void Say(const std::string& line) {
-  static std::mutex lock;
-  std::lock_guard<std::mutex> hold(lock);
-  std::cout << line << std::endl;
-}
 
 namespace {
 
@@ -55,6 +48,32 @@ struct Server::Impl {
       if (listener->IsOpen()) listeners.push_back(listener);
     }
     return port;
+  }
+
+  // Serves the sockets the service manager handed over: the first plain one
+  // and the first TLS one (TLS only when a certificate is there).
+  bool Adopt(bool tlsReady, int* plainPort, int* tlsPort, std::string* error) {
+    for (const InheritedSocket& socket : options.inherited) {
+      if (socket.tls && !tlsReady) {
+        Say(Priority::kWarning, "qs-host: the socket handed over for TLS (port " + std::to_string(socket.port) +
+                                    ") is not served: there is no certificate");
+        continue;
+      }
+      auto listener = std::make_shared<Listener>(ioc, host, socket.tls ? &tls : nullptr);
+      beast::error_code ec;
+      if (!listener->Adopt(socket.fd, ec)) {
+        *error = "cannot serve the socket handed over as descriptor " + std::to_string(socket.fd) + ": " + ec.message();
+        return false;
+      }
+      listeners.push_back(listener);
+      int& port = socket.tls ? *tlsPort : *plainPort;
+      if (port < 0) port = socket.port;
+    }
+    if (*plainPort < 0) {
+      *error = "no plain (\"http\") socket was handed over";
+      return false;
+    }
+    return true;
   }
 
   void Housekeep() {
@@ -117,22 +136,29 @@ bool Server::Start(std::string* error) {
   s.host.page = StatusPage(s.host.alias, s.host.policy, s.host.limits);
   const long descriptors = RaiseDescriptorLimit();
 
-  // Plain HTTP and WebSocket.
-  std::vector<int> plainPorts = {s.options.port};
-  if (s.options.port < 0) plainPorts = s.options.portPair.empty() ? s.module.DefaultPorts(false) : s.options.portPair;
-  std::string why;
-  const int plainPort = s.Listen(nullptr, plainPorts, &why);
-  if (plainPort < 0) {
-    *error = "cannot listen on 127.0.0.1 (" + (why.empty() ? std::string("no port to try") : why) + ")";
-    return false;
+  std::string certFolder = s.module.CertFolder();
+  if (certFolder.empty()) certFolder = s.options.exeFolder + "cert/";
+  std::string tlsOff;
+  const bool tlsReady = ConfigureTls(s.tls, certFolder, &tlsOff);
+  int plainPort = -1;
+  int tlsPort = -1;
+  if (!s.options.inherited.empty()) {
+    if (!s.Adopt(tlsReady, &plainPort, &tlsPort, error)) return false;
+    if (tlsPort < 0 && tlsReady) tlsOff = "no \"https\" socket was handed over";
+  } else {
+    // Plain HTTP and WebSocket.
+    std::vector<int> plainPorts = {s.options.port};
+    if (s.options.port < 0) plainPorts = s.options.portPair.empty() ? s.module.DefaultPorts(false) : s.options.portPair;
+    std::string why;
+    plainPort = s.Listen(nullptr, plainPorts, &why);
+    if (plainPort < 0) {
+      *error = "cannot listen on 127.0.0.1 (" + (why.empty() ? std::string("no port to try") : why) + ")";
+      return false;
+    }
   }
 
   // HTTPS and WSS, when the certificate folder holds the certificate and key.
-  std::string certFolder = s.module.CertFolder();
-  if (certFolder.empty()) certFolder = s.options.exeFolder + "cert/";
-  int tlsPort = -1;
-  std::string tlsOff;
-  if (ConfigureTls(s.tls, certFolder, &tlsOff)) {
+  if (tlsReady && s.options.inherited.empty()) {
     std::vector<int> tlsPorts;
     if (s.options.tlsPort >= 0) {
       tlsPorts = {s.options.tlsPort};
@@ -161,7 +187,7 @@ bool Server::Start(std::string* error) {
   Say("qs-host: limits: request head " + std::to_string(limits.headSeconds) + " s, idle " +
       std::to_string(limits.idleSeconds) + " s, " + std::to_string(limits.maxConnections) + " connections (" +
       std::to_string(descriptors) + " descriptors)");
-  if (tlsPort < 0) Say("qs-host: TLS off: " + tlsOff);
+  if (tlsPort < 0) Say(Priority::kNotice, "qs-host: TLS off: " + tlsOff);
   const std::string base = "http://127.0.0.1:" + std::to_string(plainPort) + "/";
   Say("listening on " + base);
   if (tlsPort >= 0) Say("listening on https://127.0.0.1:" + std::to_string(tlsPort) + "/");

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host/activation.h"
 #include "host/module.h"
 #include "host/policy.h"
 
@@ -25,6 +26,8 @@ struct ServerOptions {
   std::vector<std::string> allowHosts;    // Host names served beside the loopback's
   std::vector<std::string> allowOrigins;  // origins served while CORS-all is off
   Limits limits;
+  // Sockets handed over by the service manager: served instead of binding.
+  std::vector<InheritedSocket> inherited;
 };
 
 class Server {
@@ -45,8 +48,5 @@ class Server {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
-
-// One line on standard output, flushed, whole even when threads print.
-void Say(const std::string& line);
 
 }  // namespace qs_host
