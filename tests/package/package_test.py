@@ -1,0 +1,275 @@
+#!/usr/bin/python3
+"""The Debian package, end to end without a service manager: built with CPack
+from this build folder, its control fields and files, the extracted tree run
+under socket activation with its state in a folder of the test's (an upgrade
+keeping a changed setting), the units verified and enabled into a scratch root,
+and the unit's sandbox checked against the system calls qs-host really makes.
+
+    package_test.py BUILD_FOLDER VERSION
+"""
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.request
+
+BUILD = VERSION = None
+PACKAGE = "quintaris-service"
+ROOT_FLAG = ["--allow-root"] if os.geteuid() == 0 else []
+
+
+def run(command, **options):
+    return subprocess.run(command, check=True, capture_output=True, text=True, **options)
+
+
+def read(path):
+    with open(path) as source:
+        return source.read()
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def post(port, body, timeout=20):
+    request = urllib.request.Request("http://127.0.0.1:%d/kxp/" % port, body.encode(),
+                                     {"User-Agent": "package-test"})
+    with urllib.request.urlopen(request, timeout=timeout) as answer:
+        return answer.status, answer.read().decode()
+
+
+def snapshot(folder):
+    """Every path under `folder` with its size and modification time."""
+    seen = {}
+    for base, folders, files in os.walk(folder):
+        for name in folders + files:
+            path = os.path.join(base, name)
+            st = os.lstat(path)
+            seen[os.path.relpath(path, folder)] = (st.st_size, st.st_mtime_ns)
+    return seen
+
+
+class Package(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.work = tempfile.mkdtemp(prefix="qs_package_")
+        run(["cpack", "-G", "DEB", "-B", os.path.join(cls.work, "out"),
+             "--config", os.path.join(BUILD, "CPackConfig.cmake")])
+        cls.arch = run(["dpkg", "--print-architecture"]).stdout.strip()
+        cls.deb = os.path.join(cls.work, "out", "%s_%s-1_%s.deb" % (PACKAGE, VERSION, cls.arch))
+        cls.root = os.path.join(cls.work, "root")
+        run(["dpkg-deb", "-x", cls.deb, cls.root])
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.work, ignore_errors=True)
+
+    def test_control_fields(self):
+        fields = dict(re.findall(r"^(\w[\w-]*): (.*)$", run(["dpkg-deb", "-f", self.deb]).stdout, re.M))
+        expected = {"Package": PACKAGE, "Version": VERSION + "-1", "Architecture": self.arch, "Section": "net",
+                    "Priority": "optional", "Maintainer": "Quintaris <packages@quintaris.invalid>"}
+        self.assertEqual(expected, {k: fields.get(k) for k in expected})
+        depends = {d.split(" ")[0] for d in fields["Depends"].split(", ")}
+        self.assertLessEqual({"libc6", "libstdc++6", "libjsoncpp25", "libminizip1", "zlib1g", "libssl3",
+                              "libboost-program-options1.74.0", "init-system-helpers"}, depends)
+
+    def test_files_and_permissions(self):
+        listed = set()
+        for line in run(["dpkg-deb", "-c", self.deb]).stdout.splitlines():
+            mode, owner, _, _, _, path = line.split(None, 5)
+            listed.add((mode, owner, path.split(" -> ")[0]))
+        private = "./usr/lib/quintaris/"
+        expected = {
+            ("-rwxr-xr-x", private + "qs-host"), ("-rw-r--r--", private + "libFVASManager.so"),
+            ("-rw-r--r--", private + "installed-version"), ("lrwxrwxrwx", "./usr/bin/qs-host"),
+            ("-rw-r--r--", "./usr/lib/systemd/user/qs-host.service"),
+            ("-rw-r--r--", "./usr/lib/systemd/user/qs-host.socket"),
+            ("-rw-r--r--", "./usr/share/man/man1/qs-host.1.gz"),
+            ("-rw-r--r--", "./usr/share/doc/%s/copyright" % PACKAGE),
+            ("-rw-r--r--", "./usr/share/doc/%s/changelog.gz" % PACKAGE),
+        }
+        self.assertEqual(expected, {(mode, path) for mode, _, path in listed if not mode.startswith("d")})
+        self.assertEqual({"root/root"}, {owner for _, owner, _ in listed})
+        self.assertTrue(all(mode == "drwxr-xr-x" for mode, _, _ in listed if mode.startswith("d")))
+        self.assertEqual("../lib/quintaris/qs-host", os.readlink(os.path.join(self.root, "usr/bin/qs-host")))
+        control = os.path.join(self.work, "control")
+        run(["dpkg-deb", "-e", self.deb, control])
+        for script, line in (("postinst", "deb-systemd-helper --user enable 'qs-host.service'"),
+                             ("postrm", "deb-systemd-helper --user purge 'qs-host.service'")):
+            path = os.path.join(control, script)
+            self.assertEqual(0o755, os.stat(path).st_mode & 0o777)
+            self.assertIn(line, read(path))
+
+    def start(self, home, state, port):
+        """The extracted qs-host under socket activation, as the socket unit
+        would start it, with the user's folders pointed at the test's."""
+        log = open(os.path.join(self.work, "host-%d.log" % port), "w+")
+        process = subprocess.Popen(
+            ["systemd-socket-activate", "-l", "127.0.0.1:%d" % port, "--fdname=http", "-E", "HOME=" + home,
+             "-E", "XDG_STATE_HOME=" + state, "-E", "TSAN_OPTIONS=intercept_tls_get_addr=0",
+             os.path.join(self.root, "usr/bin/qs-host"), *ROOT_FLAG], stdout=log, stderr=subprocess.STDOUT)
+        for _ in range(100):
+            try:
+                socket.create_connection(("127.0.0.1", port), timeout=1).close()
+                break
+            except OSError:
+                time.sleep(0.1)
+        return process, log
+
+    def stop(self, process, log):
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(0, process.wait(30))
+        log.seek(0)
+        output = log.read()
+        log.close()
+        return output
+
+    def test_runs_from_the_users_state_folder_and_upgrades_keep_settings(self):
+        home, state = os.path.join(self.work, "home"), os.path.join(self.work, "state")
+        os.makedirs(home)
+        installed = snapshot(self.root)
+        port = free_port()
+        process, log = self.start(home, state, port)
+        status, answer = post(port, '{"id":"1","cmdId":"p","method":"VersionInfo"}')
+        output = self.stop(process, log)
+        self.assertEqual(200, status, output)
+        self.assertIn('"14, 3, 3, 1212"', answer)
+        self.assertIn("listening on http://127.0.0.1:%d/" % port, output)
+        folder = os.path.join(state, "quintaris")
+        self.assertIn("qs-host: module %s/libFVASManager.so" % folder, output)
+        for name in ("qs-host", "libFVASManager.so", "copied-version", "log/qss.log", "cache", "upload"):
+            self.assertTrue(os.path.exists(os.path.join(folder, name)), name)
+        self.assertEqual(0o700, os.stat(folder).st_mode & 0o777)
+        self.assertEqual([], os.listdir(home), "nothing under HOME when XDG_STATE_HOME is set")
+        self.assertEqual(installed, snapshot(self.root), "nothing written beside the installed files")
+
+        # A changed setting, then an upgrade (new installed files): the copies
+        # are refreshed, the setting stays.
+        with open(os.path.join(folder, "QSConfiguration.ini"), "w") as out:
+            out.write("[QS]\nEnableCORSAll=FALSE\n")
+        copied = read(os.path.join(folder, "copied-version"))
+        os.utime(os.path.join(self.root, "usr/lib/quintaris/libFVASManager.so"))
+        port = free_port()
+        process, log = self.start(home, state, port)
+        status, _ = post(port, '{"id":"2","method":"QSVersion"}')
+        output = self.stop(process, log)
+        self.assertEqual(200, status, output)
+        self.assertIn("CORS for all origins off", output)
+        self.assertNotEqual(copied, read(os.path.join(folder, "copied-version")))
+        self.assertEqual("[QS]\nEnableCORSAll=FALSE\n", read(os.path.join(folder, "QSConfiguration.ini")))
+
+    def test_refuses_root_unless_told(self):
+        if os.geteuid() != 0:
+            self.skipTest("only root is refused")
+        refused = subprocess.run([os.path.join(self.root, "usr/bin/qs-host")], capture_output=True, text=True,
+                                 env=dict(os.environ, XDG_STATE_HOME=os.path.join(self.work, "refused")))
+        self.assertEqual(1, refused.returncode)
+        self.assertIn("refusing to run as root", refused.stderr)
+        self.assertFalse(os.path.exists(os.path.join(self.work, "refused")))
+
+    def test_units_verify_and_enable_for_every_user(self):
+        units = os.path.join(self.work, "units")
+        runtime = os.path.join(self.work, "runtime")
+        os.makedirs(units)
+        os.makedirs(runtime, 0o700)
+        source = os.path.join(self.root, "usr/lib/systemd/user")
+        for name in ("qs-host.service", "qs-host.socket"):
+            text = read(os.path.join(source, name))
+            self.assertNotIn("@QS_", text)
+            with open(os.path.join(units, name), "w") as out:
+                out.write(text.replace("ExecStart=/usr/bin/qs-host",
+                                       "ExecStart=" + os.path.join(self.root, "usr/bin/qs-host")))
+        self.assertIn("ExecStart=/usr/bin/qs-host\n", read(os.path.join(source, "qs-host.service")))
+        verify = subprocess.run(["systemd-analyze", "--user", "verify", "--man=no",
+                                 os.path.join(units, "qs-host.service"), os.path.join(units, "qs-host.socket")],
+                                capture_output=True, text=True, env=dict(os.environ, XDG_RUNTIME_DIR=runtime))
+        self.assertEqual((0, ""), (verify.returncode, verify.stdout + verify.stderr))
+
+        scratch = os.path.join(self.work, "scratch")
+        shutil.copytree(os.path.join(self.root, "usr/lib/systemd/user"), os.path.join(scratch, "usr/lib/systemd/user"))
+        run(["systemctl", "--root=" + scratch, "--global", "enable", "qs-host.service"])
+        link = os.path.join(scratch, "etc/systemd/user/default.target.wants/qs-host.service")
+        self.assertEqual("/usr/lib/systemd/user/qs-host.service", os.readlink(link))
+        self.assertFalse(os.path.exists(os.path.join(scratch, "etc/systemd/user/sockets.target.wants")))
+
+    def test_sandbox_fits_the_system_calls_qs_host_makes(self):
+        """Every system call of a serving qs-host (start, commands over HTTP and
+        WebSocket, image records, stop) is in the unit's @system-service set,
+        its sockets are of the allowed families, and no memory is ever
+        writable and executable at once (MemoryDenyWriteExecute)."""
+        import websocket
+        trace = os.path.join(self.work, "trace")
+        home = os.path.join(self.work, "traced")
+        os.makedirs(home)
+        env = dict(os.environ, HOME=home, XDG_STATE_HOME=home)
+        process = subprocess.Popen(["strace", "-f", "-qq", "-o", trace, os.path.join(self.root, "usr/bin/qs-host"),
+                                    "--port", "0", *ROOT_FLAG], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                   text=True, env=env)
+        port = None
+        for line in process.stdout:
+            found = re.match(r"listening on http://127.0.0.1:(\d+)/", line)
+            if found:
+                port = int(found.group(1))
+                break
+        self.assertIsNotNone(port)
+        post(port, '{"id":"1","method":"VersionInfo"}')
+        ws = websocket.create_connection("ws://127.0.0.1:%d/kxp/" % port, header=["User-Agent: t"], timeout=20)
+        ws.send('{"id":"2","method":"QSVersion"}')
+        self.assertIn("Quintaris Service", ws.recv())
+        ws.close()
+        image = "http://127.0.0.1:%d/%sEncryptedImageMap?GUID=t"
+        urllib.request.urlopen(urllib.request.Request(image % (port, "Set"), b"record"), timeout=20).read()
+        urllib.request.urlopen(image % (port, "Get"), timeout=20).read()
+        # The signal goes to qs-host itself: strace would only detach.
+        with open("/proc/%d/task/%d/children" % (process.pid, process.pid)) as children:
+            os.kill(int(children.read().split()[0]), signal.SIGTERM)
+        process.stdout.read()
+        self.assertEqual(0, process.wait(30))
+
+        calls, families, write_exec = set(), set(), []
+        for line in read(trace).splitlines():
+            found = re.match(r"\d+ (\w+)\((.*)", line)
+            if not found:
+                continue
+            name, arguments = found.groups()
+            calls.add(name)
+            if name == "socket":
+                families.add(arguments.split(",")[0])
+            if name in ("mmap", "mprotect", "pkey_mprotect") and "PROT_EXEC" in arguments and (
+                    name != "mmap" or "PROT_WRITE" in arguments):
+                write_exec.append(line.strip())
+        allowed = self.expanded("@system-service")
+        self.assertEqual(set(), calls - allowed - {"execve"}, "outside @system-service")
+        self.assertLessEqual(families, {"AF_UNIX", "AF_INET", "AF_INET6"})
+        # Mapping a library executable is allowed; making memory executable
+        # after the fact, or writable and executable at once, is not.
+        self.assertEqual([], [line for line in write_exec if "mprotect" in line or "PROT_WRITE" in line])
+
+    @staticmethod
+    def expanded(group, seen=None):
+        seen = set() if seen is None else seen
+        names = set()
+        for line in run(["systemd-analyze", "syscall-filter", group]).stdout.splitlines()[1:]:
+            entry = line.strip()
+            if not entry or entry.startswith("#"):
+                continue
+            if entry.startswith("@"):
+                if entry not in seen:
+                    seen.add(entry)
+                    names |= Package.expanded(entry, seen)
+            else:
+                names.add(entry)
+        return names
+
+
+if __name__ == "__main__":
+    BUILD, VERSION = sys.argv[1], sys.argv[2]
+    unittest.main(argv=[sys.argv[0], "-v", *sys.argv[3:]])
