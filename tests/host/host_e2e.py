@@ -3,17 +3,20 @@
 driven over real loopback sockets with the standard library's HTTP client, raw
 sockets for what no well-behaved client sends, and python3-websocket.
 
-    host_e2e.py QS_HOST MODULE [TestClass ...]
+    host_e2e.py QS_HOST MODULE STANDIN_MODULE PARTIAL_STANDIN_MODULE [TestClass ...]
 """
+import atexit
 import functools
 import html
 import http.client
 import http.server
 import json
 import os
+import re
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -23,67 +26,88 @@ import unittest
 
 import websocket
 
-QS_HOST = MODULE = None
+QS_HOST = MODULE = STANDIN = PARTIAL = None
 VERSION_INFO = '{"id":"%s","cmdId":"%s","method":"VersionInfo"}'
 
 
 class Host:
-    """qs-host started in a folder of its own (its work folder), with an
-    optional configuration file; stops with SIGTERM and must exit 0."""
+    """qs-host started in a folder of its own (its work folder) with a module
+    (the real one, or the stand-in as "standin.so") and an optional
+    configuration file; stops with SIGTERM and must exit 0."""
 
-    def __init__(self, args=(), configuration=None):
+    def __init__(self, args=(), configuration=None, module=None, env=None, port_arg=("--port", "0"), files=None):
         self.folder = tempfile.mkdtemp(prefix="qs_host_e2e_")
-        for source, name in ((QS_HOST, "qs-host"), (MODULE, "libFVASManager.so")):
-            shutil.copy(source, os.path.join(self.folder, name))
+        atexit.register(shutil.rmtree, self.folder, True)
+        self.module = os.path.join(self.folder, "standin.so" if module else "libFVASManager.so")
+        shutil.copy(QS_HOST, os.path.join(self.folder, "qs-host"))
+        shutil.copy(module or MODULE, self.module)
+        files = dict(files or {})
         if configuration is not None:
-            with open(os.path.join(self.folder, "QSConfiguration.ini"), "w") as out:
-                out.write(configuration)
-        env = dict(os.environ)
+            files["QSConfiguration.ini"] = configuration
+        for name, text in files.items():
+            os.makedirs(os.path.dirname(os.path.join(self.folder, name)), exist_ok=True)
+            with open(os.path.join(self.folder, name), "w") as out:
+                out.write(text)
+        environment = dict(os.environ, **(env or {}))
         # ThreadSanitizer's runtime of this toolchain mis-sizes the thread-local
         # blocks of a dlopen()ed library; without this step it can only report
         # too much, never miss a race of the host.
-        env["TSAN_OPTIONS"] = env.get("TSAN_OPTIONS", "") + ":intercept_tls_get_addr=0"
+        environment["TSAN_OPTIONS"] = environment.get("TSAN_OPTIONS", "") + ":intercept_tls_get_addr=0"
         # qs-host refuses root unless told; test machines often run as root.
         root = ["--allow-root"] if os.geteuid() == 0 else []
-        self.process = subprocess.Popen([os.path.join(self.folder, "qs-host"), "--port", "0", *root, *args],
-                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, env=env)
+        extra = ["--module", self.module] if module else []
+        self.process = subprocess.Popen([os.path.join(self.folder, "qs-host"), *port_arg, *root, *extra, *args],
+                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, env=environment)
         self.lines = []
-        self.port = None
+        self.port = self.tls_port = None
         ready = threading.Event()
 
         def collect():
             for line in self.process.stdout:
                 self.lines.append(line)
-                if line.startswith("listening on http://127.0.0.1:"):
-                    self.port = int(line.rstrip().rsplit(":", 1)[1].rstrip("/"))
+                found = re.match(r"listening on (https?)://127.0.0.1:(\d+)/", line)
+                if found and found.group(1) == "https":
+                    self.tls_port = int(found.group(2))
+                elif found:
+                    self.port = int(found.group(2))
+                if line.startswith("qs-host: Ctrl-C"):
                     ready.set()
             ready.set()
 
         self.reader = threading.Thread(target=collect, daemon=True)
         self.reader.start()
-        if not ready.wait(60) or self.port is None:
-            self.stop(check=False)
-            raise RuntimeError("qs-host did not start:\n" + self.output())
+        ready.wait(60)
+
+    def wait(self):
+        """The exit status of a qs-host that ends by itself."""
+        code = self.process.wait(60)
+        self.reader.join(10)
+        return code
+
+    def log(self, name="standin.log"):
+        path = os.path.join(self.folder, name)
+        return open(path).read() if os.path.exists(path) else ""
 
     def output(self):
         return "".join(self.lines)
 
-    def stop(self, check=True):
+    def stop(self, check=True, sig=signal.SIGTERM):
         if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
+            self.process.send_signal(sig)
         try:
             code = self.process.wait(60)
         except subprocess.TimeoutExpired:
             self.process.kill()
             code = self.process.wait()
         self.reader.join(10)
-        shutil.rmtree(self.folder, ignore_errors=True)
         if check and code != 0:
             raise AssertionError("qs-host exited with %s:\n%s" % (code, self.output()))
 
-    def request(self, method, path, body=None, headers=None, host=None):
-        """One request on a fresh connection: (status, headers, body)."""
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
+    def request(self, method, path, body=None, headers=None, host=None, connection=None):
+        """One request, on a fresh connection unless one is given: (status,
+        headers, body)."""
+        own = connection is None
+        connection = connection or http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
         try:
             connection.putrequest(method, path, skip_host=True, skip_accept_encoding=True)
             connection.putheader("Host", host if host is not None else "127.0.0.1:%d" % self.port)
@@ -96,7 +120,8 @@ class Host:
             response = connection.getresponse()
             return response.status, {k.lower(): v for k, v in response.getheaders()}, response.read()
         finally:
-            connection.close()
+            if own:
+                connection.close()
 
     def raw(self, data, timeout=10):
         """Sends bytes as they are and returns what comes back until the host
@@ -110,14 +135,292 @@ class Host:
                     return received
                 received += piece
 
-    def websocket(self, path="/kxp/", host=None, origin=None):
+    def websocket(self, path="/kxp/", host=None, origin=None, agent="e2e"):
         return websocket.create_connection("ws://127.0.0.1:%d%s" % (self.port, path), timeout=20,
-                                           host=host or "127.0.0.1:%d" % self.port, header=["User-Agent: e2e"],
+                                           host=host or "127.0.0.1:%d" % self.port,
+                                           header=["User-Agent: " + agent] if agent else [],
                                            origin=origin, suppress_origin=origin is None)
 
 
 def status_of(reply):
     return int(reply.split(b" ", 2)[1]) if reply.startswith(b"HTTP/1.") else None
+
+
+CHROME = "Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko) Chrome/120.0 Safari/537.36"
+FIREFOX = "Mozilla/5.0 (X11; Linux x86_64; rv:128.0) Gecko/20100101 Firefox/128.0"
+
+
+class Routes(unittest.TestCase):
+    """Which route answers what, with the real module: status codes, content
+    types, ids. (The documents themselves are pinned by the module's tests.)"""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.host = Host(["--threads", "4"])
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.host.stop()
+
+    def test_http_routes(self):
+        kept = http.client.HTTPConnection("127.0.0.1", self.host.port, timeout=20)
+        ua = {"User-Agent": "e2e"}
+        rows = [  # method, path, body, headers -> status, content type, text the body holds
+            ("POST", "/kxp/", VERSION_INFO % ("7", "c1"), ua, 200, "application/json", b'"cmdId" : "c1"'),
+            ("POST", "/kxp/cmd", '{"id":"8","cmdId":"c2","method":"QSVersion"}', ua, 200, "application/json",
+             b'"result" : [ "0", "Quintaris Service" ],\n\t"cmdId" : "c2"'),
+            # What follows a blank line is the module's body, not the command.
+            ("POST", "/kxp/", '{"id":"1","method":"QSVersion"}\r\n\r\nDATA', ua, 200, "application/json",
+             b'"Quintaris Service"'),
+            ("POST", "/kxp/", '{"id":"5","method":"VersionInfo"}', {}, 200, "application/json",
+             b'"exception" : -2205'),  # no User-Agent: browser type 0
+            ("GET", "/", None, ua, 200, "text/html; charset=utf-8", b'var alias = "kxp";'),
+            ("GET", "/favicon.ico", None, ua, 200, "text/plain; charset=utf-8", b"Invalid command"),
+            ("GET", "/kxp/", None, ua, 200, "text/plain; charset=utf-8", b"Invalid command"),
+            ("POST", "/kxp/LoadZipFromBytes?type=2&qsver=1.2&x=1", b"PK\x03\x04\x00\x00", ua, 200,
+             "application/json", b'"result" : [ 2, "1.2", false ]'),
+            ("POST", "/CheckUpdateFile?qsver=15&x=1", '{"id":"9","method":"CheckUpdateFile","parameter":[]}', ua,
+             200, "application/json", b'"result" : [ "15", false ]'),
+        ]
+        for method, path, body, headers, status, kind, text in rows:
+            with self.subTest(path=path):
+                got, reply, content = self.host.request(method, path, body, headers, connection=kept)
+                self.assertEqual((status, kind, "qs-host"), (got, reply["content-type"], reply["server"]))
+                self.assertIn(text, content)
+        page = self.host.request("GET", "/", connection=kept)[2]
+        status, reply, content = self.host.request("HEAD", "/", connection=kept)
+        self.assertEqual((200, str(len(page)), b""), (status, reply["content-length"], content))
+
+    def test_websocket_routes(self):
+        ws = self.host.websocket("/kxp/")
+        for command, text in ((VERSION_INFO % ("1", "a"), '"cmdId" : "a"'),
+                              ('{"id":"4","cmdId":"d","method":"GetPorts","parameter":["0"]}', '"exception" : -2408')):
+            ws.send(command)
+            self.assertIn(text, ws.recv())
+        ws.close()
+        for path, agent, text in (("/elsewhere", "e2e", "Invalid command"), ("/kxp/", None, '"exception" : -2205')):
+            ws = self.host.websocket(path, agent=agent)
+            ws.send('{"id":"1","method":"QSVersion"}')
+            self.assertIn(text, ws.recv())
+            ws.close()
+
+    def test_image_records(self):
+        h, set_a, get_a = self.host, "/kxp/SetEncryptedImageMap?x=1&GUID=A", "/kxp/GetEncryptedImageMap?GUID=A"
+        self.assertEqual(404, h.request("GET", get_a)[0])
+        self.assertEqual(204, h.request("POST", set_a, "0123456789")[0])
+        status, reply, record = h.request("GET", get_a)
+        self.assertEqual((200, "application/octet-stream", b"0123456789" + b"\0" * 2042),
+                         (status, reply["content-type"], record))
+        self.assertEqual(204, h.request("POST", set_a, "F" * 2052)[0])
+        # One byte more would stop the module's process: refused before it
+        # sees it, also to a client that waits for "100 Continue".
+        self.assertEqual(413, h.request("POST", set_a, "X" * 2053)[0])
+        self.assertEqual(413, status_of(h.raw(("POST %s HTTP/1.1\r\nHost: 127.0.0.1\r\nExpect: 100-continue\r\n"
+                                               "Content-Length: 100000\r\n\r\n" % set_a).encode())))
+        self.assertEqual(b"F" * 2052, h.request("GET", get_a)[2])
+        self.assertEqual(204, h.request("POST", set_a, "")[0], "an empty body deletes")
+        self.assertEqual(404, h.request("GET", get_a)[0])
+        self.assertEqual(400, h.request("POST", "/SetEncryptedImageMap?x=1", "abc")[0])
+        # Everything after "GUID=" is the key.
+        self.assertEqual(204, h.request("POST", "/SetEncryptedImageMap?GUID=B&x=1", "b")[0])
+        self.assertEqual((404, 200), (h.request("GET", "/GetEncryptedImageMap?GUID=B")[0],
+                                      h.request("GET", "/GetEncryptedImageMap?GUID=B&x=1")[0]))
+
+
+class Lifecycle(unittest.TestCase):
+    """TLS, the stop, one command without a server."""
+
+    def test_tls_beside_plain(self):
+        folder = tempfile.mkdtemp(prefix="qs_cert_")
+        atexit.register(shutil.rmtree, folder, True)
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj",
+                        "/CN=127.0.0.1", "-keyout", folder + "/key.pem", "-out", folder + "/cert.pem"],
+                       check=True, capture_output=True)
+        host = Host(files={"cert/server.pem": open(folder + "/cert.pem").read(),
+                           "cert/server_key.pem": open(folder + "/key.pem").read()})
+        try:
+            self.assertNotIn(host.tls_port, (None, host.port), host.output())
+            context = ssl._create_unverified_context()
+            connection = http.client.HTTPSConnection("127.0.0.1", host.tls_port, timeout=20, context=context)
+            connection.request("POST", "/kxp/", VERSION_INFO % ("1", "s"), {"User-Agent": "e2e"})
+            self.assertIn(b'"cmdId" : "s"', connection.getresponse().read())
+            wss = websocket.create_connection("wss://127.0.0.1:%d/kxp/" % host.tls_port, timeout=20,
+                                              header=["User-Agent: e2e"], sslopt={"cert_reqs": ssl.CERT_NONE})
+            wss.send('{"id":"2","cmdId":"w","method":"QSVersion"}')
+            self.assertIn('"cmdId" : "w"', wss.recv())
+            wss.close()
+            self.assertEqual(200, host.request("POST", "/kxp/", '{"id":"3","method":"QSVersion"}',
+                                               {"User-Agent": "e2e"})[0], "the plain port serves beside it")
+        finally:
+            host.stop()
+
+    def test_sigterm_closes_sockets_and_releases_the_module(self):
+        host = Host()
+        ws = host.websocket()
+        ws.send('{"id":"1","method":"QSVersion"}')
+        self.assertIn("Quintaris Service", ws.recv())
+        idle = socket.create_connection(("127.0.0.1", host.port), timeout=10)
+        host.process.send_signal(signal.SIGTERM)
+        frame = ws.recv_frame()
+        self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1001, b"the service stops"),
+                         (frame.opcode, int.from_bytes(frame.data[:2], "big"), frame.data[2:]))
+        self.assertEqual(0, host.wait())
+        try:  # closed: an end of stream, or a reset when it was still waiting in the backlog
+            self.assertEqual(b"", idle.recv(10))
+        except ConnectionResetError:
+            pass
+        idle.close()
+        self.assertIn("qs-host: stopping (signal 15)\n", host.output())
+        self.assertIn("qs-host: stopped after signal 15; module released (DoAction 3)\n", host.output())
+        host.stop()
+
+    def test_call(self):
+        rows = [  # arguments -> exit status, text the output holds (the last line for a usage error)
+            (['{"id":"1","cmdId":"x","method":"QSVersion"}'], 0, '"Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
+            (["--url", "/kxp/v", VERSION_INFO % ("2", "")], 0, '"14, 3, 3, 1212"'),
+            (["--url", "/nowhere", "{}"], 0, "Invalid command\n"),
+            (["--no-user-agent", '{"id":"3","method":"QSVersion"}'], 0, '"exception" : -2205'),
+            ([], 1, "qs-host: call needs a JSON command\n"),
+        ]
+        root = ["--allow-root"] if os.geteuid() == 0 else []
+        folder = tempfile.mkdtemp(prefix="qs_call_")  # the module's work folder
+        atexit.register(shutil.rmtree, folder, True)
+        for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
+            shutil.copy(source, os.path.join(folder, name))
+        for args, status, text in rows:
+            with self.subTest(args=args):
+                run = subprocess.run([os.path.join(folder, "qs-host"), "call", *root, *args], capture_output=True,
+                                     text=True, env=dict(os.environ, TSAN_OPTIONS="intercept_tls_get_addr=0"))
+                self.assertEqual(status, run.returncode, run.stderr)
+                output = run.stdout + run.stderr
+                self.assertTrue(output.endswith(text) if status else text in run.stdout, output)
+
+
+class StandIn(unittest.TestCase):
+    """A stand-in module shows what reaches DistributeCommand, and how qs-host
+    copes with a module that raises, answers with data, twice, late, from
+    another thread or not at all; start-up failures, the module's port pair,
+    the housekeeping pace and the order of the stop."""
+
+    def setUp(self):
+        self.host = Host(module=STANDIN)
+
+    def tearDown(self):
+        self.host.stop()
+
+    def test_the_module_is_told_what_the_request_carries(self):
+        h = self.host
+        kept = http.client.HTTPConnection("127.0.0.1", h.port, timeout=20)
+        rows = [  # method, path, body, headers -> echo (each HTTP request is an answer destination of its own)
+            ("POST", "/tst/x?y=1", "abc", {"Origin": "https://page.example", "User-Agent": CHROME},
+             "connection=1|url=/tst/x?y=1|request=abc|body=-|browser=2|domain=https://page.example|socket=yes"),
+            ("GET", "/other", None, {"Referer": "http://from.example/page", "User-Agent": FIREFOX},
+             "connection=2|url=/other|request=|body=-|browser=3|domain=http://from.example/page|socket=yes"),
+            ("GET", "/other", None, {}, "connection=3|url=/other|request=|body=-|browser=0|domain=|socket=yes"),
+            # Uploads: the body goes as body too (the request text stops at its 0 byte).
+            ("POST", "/a/LoadZipFromBytes?type=1", b"PK\0\1", {"User-Agent": "curl/8"},
+             "connection=4|url=/a/LoadZipFromBytes?type=1|request=PK|body=504b0001|browser=1|domain=|socket=yes"),
+        ]
+        for method, path, body, headers, echo in rows:
+            self.assertEqual(echo, h.request(method, path, body, headers, connection=kept)[2].decode())
+        # A WebSocket keeps one index; text messages are commands, binary
+        # ones bodies without a command.
+        ws = h.websocket("/tst/ws", origin="http://127.0.0.1:1", agent=CHROME)
+        ws.send("hello")
+        self.assertEqual("connection=5|url=/tst/ws|request=hello|body=-|browser=2|domain=http://127.0.0.1:1|socket=yes",
+                         ws.recv())
+        ws.send_binary(b"\x01\x02")
+        self.assertEqual("connection=5|url=/tst/ws|request=|body=0102|browser=2|domain=http://127.0.0.1:1|socket=yes",
+                         ws.recv())
+        ws.close()
+        self.assertIn(b'var alias = "tst";', h.request("GET", "/")[2])
+        self.assertIn("qs-host: module %s (alias \"tst\", standin_1)\n" % h.module, h.output())
+
+    def test_answers_the_module_gives_or_does_not_give(self):
+        h = self.host
+        kept = http.client.HTTPConnection("127.0.0.1", h.port, timeout=20)
+        rows = [  # command -> status, content type, body
+            ("throw", 400, "text/plain; charset=utf-8", b"the module raised: basic_string::substr\n"),
+            ("data", 200, "application/octet-stream", b"with data\r\n\r\n\x00\x01\x02\xff"),
+            ("twice", 200, "text/plain; charset=utf-8", b"first"),
+            ("silent", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
+            ("later", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
+            # The late answer of the last request is not taken for this one's.
+            ("after-late", 200, "text/plain; charset=utf-8", b"after-late"),
+        ]
+        for command, status, kind, body in rows:
+            got, reply, content = h.request("POST", "/tst/", command, {"User-Agent": "e2e"}, connection=kept)
+            self.assertEqual((status, kind, body), (got, reply["content-type"], content), command)
+        ws = h.websocket("/tst/")
+        for command in ("data", "silent", "twice", "later", "after-late"):
+            ws.send(command)
+        received = [(frame.opcode, frame.data) for frame in (ws.recv_frame() for _ in range(6))]
+        text, binary = websocket.ABNF.OPCODE_TEXT, websocket.ABNF.OPCODE_BINARY
+        self.assertEqual([(text, b"with data"), (binary, b"\x00\x01\x02\xff"), (text, b"first"), (text, b"second"),
+                          (text, b"later"), (text, b"after-late")], received)
+        ws.send("throw")
+        frame = ws.recv_frame()
+        self.assertEqual((1011, b"the module raised: basic_string::substr"),
+                         (int.from_bytes(frame.data[:2], "big"), frame.data[2:]))
+        self.assertEqual(200, h.request("POST", "/tst/", "fine", connection=kept)[0], "serving goes on")
+
+    def test_stop_waits_for_the_command_in_flight_then_releases_the_module(self):
+        h = self.host
+        connection = http.client.HTTPConnection("127.0.0.1", h.port, timeout=20)
+        connection.request("POST", "/tst/", "slow", {"User-Agent": "e2e"})
+        for _ in range(500):
+            if "DistributeCommand begin slow" in h.log():
+                break
+            time.sleep(0.01)
+        h.process.send_signal(signal.SIGINT)
+        response = connection.getresponse()
+        self.assertEqual((200, b"slow", "close"), (response.status, response.read(), response.getheader("connection")))
+        self.assertEqual(0, h.wait())
+        self.assertEqual("DoAction 0\nDistributeCommand begin slow\nDistributeCommand end slow\nCloseWebSocket\n"
+                         "DoAction 3\n", h.log())
+        self.assertIn("qs-host: stopping (signal 2)\n", h.output())
+
+    def test_start_up(self):
+        self.host.stop()
+        taken = socket.socket()
+        taken.bind(("127.0.0.1", 0))
+        taken.listen()
+        first, second = taken.getsockname()[1], free_port()
+        # The module's pair, the second when the first is taken.
+        host = Host(module=STANDIN, env={"QS_STANDIN_PORTS": "%d,%d" % (first, second)}, port_arg=())
+        self.assertEqual(second, host.port)
+        host.stop()
+        # --ports replaces the pair; when both are taken qs-host gives up, and
+        # still releases the module.
+        host = Host(["--ports", "%d,%d" % (first, first)], module=STANDIN, port_arg=())
+        self.assertEqual(1, host.wait())
+        self.assertIn("qs-host: cannot listen on 127.0.0.1 (port %d: Address already in use; port %d: Address "
+                      "already in use)\n" % (first, first), host.output())
+        self.assertEqual("DoAction 0\nDoAction 3\n", host.log())
+        taken.close()
+        for module, args, text in ((None, ["--module", "/nonexistent/libnothing.so"],
+                                    "qs-host: cannot load the module /nonexistent/libnothing.so: "),
+                                   (PARTIAL, [], " lacks the exports DistributeCommand, GetImage\n")):
+            host = Host(args, module=module)
+            self.assertEqual(1, host.wait())
+            self.assertIn(text, host.output())
+
+    def test_housekeeping_follows_the_wait_timeout(self):
+        self.host.stop()
+        calls = {}
+        for wait in ("1", "100"):  # 10 ms or one second between rounds
+            host = Host(module=STANDIN, env={"QS_STANDIN_WAIT": wait})
+            time.sleep(1.5)
+            host.stop(check=False)
+            calls[wait] = int(host.log("standin.waits") or -1)
+        self.assertGreaterEqual(calls["1"], 30)
+        self.assertTrue(1 <= calls["100"] <= 3, calls)
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
 
 
 class RequestPolicy(unittest.TestCase):
@@ -496,5 +799,5 @@ class Browser(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    QS_HOST, MODULE = sys.argv[1], sys.argv[2]
-    unittest.main(argv=[sys.argv[0], "-v", *sys.argv[3:]])
+    QS_HOST, MODULE, STANDIN, PARTIAL = sys.argv[1:5]
+    unittest.main(argv=[sys.argv[0], "-v", *sys.argv[5:]])
