@@ -1,3 +1,5 @@
+// The bitmap normaliser behind the clipboard: packed bitmaps in, a 40-byte
+// header, the colour table and bottom-up padded rows out, or nothing.
 #include "image/image.h"
 
 #include <gtest/gtest.h>
@@ -9,186 +11,95 @@
 
 namespace {
 
-// A packed bitmap in a tracked block, built from parts.
-void* MakeDib(const BITMAPINFOHEADER& header, const std::vector<unsigned char>& table,
-              const std::vector<unsigned char>& pixels, size_t extra = 0) {
-  size_t size = sizeof(header) + table.size() + pixels.size() + extra;
-  unsigned char* block = static_cast<unsigned char*>(GlobalAlloc(GMEM_ZEROINIT, size));
-  memcpy(block, &header, sizeof(header));
-  if (!table.empty()) memcpy(block + sizeof(header), table.data(), table.size());
-  if (!pixels.empty()) memcpy(block + sizeof(header) + table.size(), pixels.data(), pixels.size());
-  return block;
-}
+using Bytes = std::vector<unsigned char>;
 
-BITMAPINFOHEADER Header(int width, int height, int bits) {
+// A packed bitmap in a tracked block: header, then `rest` (colour table or
+// masks), then the pixels.
+void* MakeDib(int width, int height, int bits, void (*change)(BITMAPINFOHEADER&), const Bytes& rest) {
   BITMAPINFOHEADER h{};
   h.biSize = 40;
   h.biWidth = width;
   h.biHeight = height;
   h.biPlanes = 1;
   h.biBitCount = static_cast<uint16_t>(bits);
-  return h;
+  if (change != nullptr) change(h);
+  auto* block = static_cast<unsigned char*>(GlobalAlloc(GMEM_ZEROINIT, sizeof(h) + rest.size()));
+  memcpy(block, &h, sizeof(h));
+  if (!rest.empty()) memcpy(block + sizeof(h), rest.data(), rest.size());
+  return block;
 }
 
-std::vector<unsigned char> Bytes(void* block) {
-  unsigned char* p = static_cast<unsigned char*>(block);
-  return std::vector<unsigned char>(p, p + GlobalSize(block));
-}
-
-BITMAPINFOHEADER HeaderOf(void* block) {
+// What follows the header of a normalised block, after checking the header;
+// "null" when there is no block.
+std::string Normalised(void* dib) {
+  void* normal = CImage().CreateNormalDIB(dib);
+  GlobalFree(dib);
+  if (normal == nullptr) return "null";
   BITMAPINFOHEADER h;
-  memcpy(&h, block, sizeof(h));
-  return h;
-}
-
-TEST(CreateNormalDIB, BottomUpTrueColourKeepsItsRowsAndFillsTheImageSize) {
-  // 2x2 at 24 bits: 6 bytes a row, padded to 8.
-  std::vector<unsigned char> pixels = {1, 2, 3, 4, 5, 6, 0, 0, 7, 8, 9, 10, 11, 12, 0, 0};
-  void* dib = MakeDib(Header(2, 2, 24), {}, pixels);
-  CImage image;
-  void* normal = image.CreateNormalDIB(dib);
-  ASSERT_NE(nullptr, normal);
-  EXPECT_EQ(40u + 16u, GlobalSize(normal));
-  BITMAPINFOHEADER h = HeaderOf(normal);
+  memcpy(&h, normal, sizeof(h));
+  auto* bytes = static_cast<unsigned char*>(normal);
+  std::string text = "h=" + std::to_string(h.biHeight) + " size=" + std::to_string(h.biSizeImage) + ":";
+  for (size_t i = 40; i < GlobalSize(normal); ++i) text += " " + std::to_string(bytes[i]);
   EXPECT_EQ(40u, h.biSize);
-  EXPECT_EQ(2, h.biHeight);
-  EXPECT_EQ(16u, h.biSizeImage);
-  std::vector<unsigned char> out = Bytes(normal);
-  EXPECT_EQ(pixels, std::vector<unsigned char>(out.begin() + 40, out.end()));
   GlobalFree(normal);
-  GlobalFree(dib);
+  return text;
 }
 
-TEST(CreateNormalDIB, TopDownRowsAreTurnedBottomUpWithTheUsedColours) {
-  // 3x3 at 8 bits with two palette entries: 3 bytes a row, padded to 4.
-  BITMAPINFOHEADER h = Header(3, -3, 8);
-  h.biClrUsed = 2;
-  std::vector<unsigned char> table = {0, 0, 0, 0, 255, 255, 255, 0};
-  std::vector<unsigned char> pixels = {0, 0, 0, 0, 1, 1, 1, 0, 0, 1, 0, 0};
-  void* dib = MakeDib(h, table, pixels);
-  void* normal = CImage().CreateNormalDIB(dib);
-  ASSERT_NE(nullptr, normal);
-  EXPECT_EQ(40u + 8u + 12u, GlobalSize(normal));
-  BITMAPINFOHEADER out = HeaderOf(normal);
-  EXPECT_EQ(3, out.biHeight);
-  EXPECT_EQ(2u, out.biClrUsed);
-  EXPECT_EQ(12u, out.biSizeImage);
-  std::vector<unsigned char> bytes = Bytes(normal);
-  EXPECT_EQ(table, std::vector<unsigned char>(bytes.begin() + 40, bytes.begin() + 48));
-  std::vector<unsigned char> flipped = {0, 1, 0, 0, 1, 1, 1, 0, 0, 0, 0, 0};
-  EXPECT_EQ(flipped, std::vector<unsigned char>(bytes.begin() + 48, bytes.end()));
-  GlobalFree(normal);
-  GlobalFree(dib);
-}
-
-TEST(CreateNormalDIB, FullPaletteWhenNoColourCountIsGiven) {
-  // 9x1 at 1 bit: two colours, 2 bytes of pixels padded to 4; a larger header.
-  BITMAPINFOHEADER h = Header(9, 1, 1);
-  h.biSize = 52;
-  std::vector<unsigned char> rest(12, 0xEE);  // the header's extra 12 bytes
-  std::vector<unsigned char> table = {1, 1, 1, 0, 2, 2, 2, 0};
-  rest.insert(rest.end(), table.begin(), table.end());
-  void* dib = MakeDib(h, rest, {0xFF, 0x80, 0, 0});
-  void* normal = CImage().CreateNormalDIB(dib);
-  ASSERT_NE(nullptr, normal);
-  std::vector<unsigned char> bytes = Bytes(normal);
-  ASSERT_EQ(40u + 8u + 4u, bytes.size());
-  EXPECT_EQ(40u, HeaderOf(normal).biSize);
-  EXPECT_EQ(table, std::vector<unsigned char>(bytes.begin() + 40, bytes.begin() + 48));
-  EXPECT_EQ(0xFF, bytes[48]);
-  GlobalFree(normal);
-  GlobalFree(dib);
-}
-
-TEST(CreateNormalDIB, BitFieldMasksTravelWithTheHeader) {
-  BITMAPINFOHEADER h = Header(1, 1, 16);
-  h.biCompression = BI_BITFIELDS;
-  std::vector<unsigned char> masks = {0, 0xF8, 0, 0, 0xE0, 0x07, 0, 0, 0x1F, 0, 0, 0};
-  void* dib = MakeDib(h, masks, {0x34, 0x12, 0, 0});
-  void* normal = CImage().CreateNormalDIB(dib);
-  ASSERT_NE(nullptr, normal);
-  std::vector<unsigned char> bytes = Bytes(normal);
-  ASSERT_EQ(40u + 12u + 4u, bytes.size());
-  EXPECT_EQ(masks, std::vector<unsigned char>(bytes.begin() + 40, bytes.begin() + 52));
-  GlobalFree(normal);
-  GlobalFree(dib);
-}
-
-TEST(CreateNormalDIB, InvalidBitmapsGiveZero) {
-  CImage image;
-  EXPECT_EQ(nullptr, image.CreateNormalDIB(nullptr));
-
-  static char untracked[64];
-  EXPECT_EQ(nullptr, image.CreateNormalDIB(untracked)) << "GlobalSize 0";
-  gmapMemSize.erase(untracked);
-
-  void* tiny = GlobalAlloc(GMEM_ZEROINIT, 39);
-  EXPECT_EQ(nullptr, image.CreateNormalDIB(tiny));
-  GlobalFree(tiny);
-
-  struct Case {
+TEST(CreateNormalDIB, NormalisesOrRefuses) {
+  const struct {
     const char* what;
-    BITMAPINFOHEADER header;
+    void* dib;
+    std::string expected;
+  } rows[] = {
+      // 24 bits: rows of 6 bytes padded to 8, already bottom-up; the image size is filled in.
+      {"true colour", MakeDib(2, 2, 24, nullptr, {1, 2, 3, 4, 5, 6, 0, 0, 7, 8, 9, 10, 11, 12, 0, 0}),
+       "h=2 size=16: 1 2 3 4 5 6 0 0 7 8 9 10 11 12 0 0"},
+      // Top-down rows are turned; the used colours only.
+      {"top-down, 2 colours used", MakeDib(3, -3, 8, [](BITMAPINFOHEADER& h) { h.biClrUsed = 2; },
+                                           {0, 0, 0, 0, 255, 255, 255, 0, 0, 0, 0, 0, 1, 1, 1, 0, 0, 1, 0, 0}),
+       "h=3 size=12: 0 0 0 0 255 255 255 0 0 1 0 0 1 1 1 0 0 0 0 0"},
+      // A larger header is cut to 40 bytes; the full palette when no count is given.
+      {"1 bit, 52-byte header", MakeDib(9, 1, 1, [](BITMAPINFOHEADER& h) { h.biSize = 52; },
+                                        {9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 1, 1, 1, 0, 2, 2, 2, 0, 255, 128, 0, 0}),
+       "h=1 size=4: 1 1 1 0 2 2 2 0 255 128 0 0"},
+      {"bit-field masks", MakeDib(1, 1, 16, [](BITMAPINFOHEADER& h) { h.biCompression = BI_BITFIELDS; },
+                                  {0, 248, 0, 0, 224, 7, 0, 0, 31, 0, 0, 0, 52, 18, 0, 0}),
+       "h=1 size=4: 0 248 0 0 224 7 0 0 31 0 0 0 52 18 0 0"},
+      {"zero width", MakeDib(0, 2, 24, nullptr, Bytes(16)), "null"},
+      {"most negative height", MakeDib(2, INT32_MIN, 24, nullptr, Bytes(16)), "null"},
+      {"two planes", MakeDib(2, 2, 24, [](BITMAPINFOHEADER& h) { h.biPlanes = 2; }, Bytes(16)), "null"},
+      {"2 bits", MakeDib(2, 2, 2, nullptr, Bytes(16)), "null"},
+      {"RLE", MakeDib(2, 2, 8, [](BITMAPINFOHEADER& h) { h.biCompression = 1; }, Bytes(16)), "null"},
+      {"masks at 24 bits", MakeDib(2, 2, 24, [](BITMAPINFOHEADER& h) { h.biCompression = BI_BITFIELDS; }, Bytes(16)),
+       "null"},
+      {"257 colours", MakeDib(2, 2, 8, [](BITMAPINFOHEADER& h) { h.biClrUsed = 257; }, Bytes(16)), "null"},
+      {"header below 40", MakeDib(2, 2, 24, [](BITMAPINFOHEADER& h) { h.biSize = 12; }, Bytes(16)), "null"},
+      {"header past the block", MakeDib(2, 2, 24, [](BITMAPINFOHEADER& h) { h.biSize = 0x7FFFFFFF; }, Bytes(16)),
+       "null"},
+      {"pixels past the block", MakeDib(2, 3, 24, nullptr, Bytes(16)), "null"},
+      {"overflowing size", MakeDib(0x7FFFFFFF, 0x7FFFFFFF, 32, nullptr, Bytes(16)), "null"},
   };
-  std::vector<Case> cases;
-  auto add = [&](const char* what, auto change) {
-    BITMAPINFOHEADER h = Header(2, 2, 24);
-    change(h);
-    cases.push_back({what, h});
-  };
-  add("zero width", [](BITMAPINFOHEADER& h) { h.biWidth = 0; });
-  add("negative width", [](BITMAPINFOHEADER& h) { h.biWidth = -2; });
-  add("zero height", [](BITMAPINFOHEADER& h) { h.biHeight = 0; });
-  add("most negative height", [](BITMAPINFOHEADER& h) { h.biHeight = INT32_MIN; });
-  add("two planes", [](BITMAPINFOHEADER& h) { h.biPlanes = 2; });
-  add("2 bits", [](BITMAPINFOHEADER& h) { h.biBitCount = 2; });
-  add("0 bits", [](BITMAPINFOHEADER& h) { h.biBitCount = 0; });
-  add("RLE", [](BITMAPINFOHEADER& h) {
-    h.biBitCount = 8;
-    h.biCompression = 1;
-  });
-  add("bit fields at 24 bits", [](BITMAPINFOHEADER& h) { h.biCompression = BI_BITFIELDS; });
-  add("too many colours", [](BITMAPINFOHEADER& h) {
-    h.biBitCount = 8;
-    h.biClrUsed = 257;
-  });
-  add("huge colour count", [](BITMAPINFOHEADER& h) { h.biClrUsed = 0xFFFFFFFF; });
-  add("header size below 40", [](BITMAPINFOHEADER& h) { h.biSize = 12; });
-  add("header size past the block", [](BITMAPINFOHEADER& h) { h.biSize = 0x7FFFFFFF; });
-  add("pixels past the block", [](BITMAPINFOHEADER& h) { h.biHeight = 3; });
-  add("overflowing size", [](BITMAPINFOHEADER& h) {
-    h.biWidth = 0x7FFFFFFF;
-    h.biHeight = 0x7FFFFFFF;
-    h.biBitCount = 32;
-  });
-  for (const Case& c : cases) {
-    void* dib = MakeDib(c.header, {}, std::vector<unsigned char>(16, 0));
-    EXPECT_EQ(nullptr, image.CreateNormalDIB(dib)) << c.what;
-    GlobalFree(dib);
-  }
+  for (const auto& row : rows) EXPECT_EQ(row.expected, Normalised(row.dib)) << row.what;
+  EXPECT_EQ(nullptr, CImage().CreateNormalDIB(nullptr));
+  static char untracked[64];
+  EXPECT_EQ(nullptr, CImage().CreateNormalDIB(untracked)) << "GlobalSize 0";
+  gmapMemSize.erase(untracked);
 }
 
-TEST(Clipboard, StoresACopyAndHandsOutANormalisedBitmap) {
+TEST(Clipboard, StoresACopyAndHandsOutANormalisedBitmapEachTime) {
   EXPECT_EQ(nullptr, GetClipBoard()) << "empty at start";
-  void* dib = MakeDib(Header(1, -2, 32), {}, {1, 2, 3, 4, 5, 6, 7, 8});
+  void* dib = MakeDib(1, -2, 32, nullptr, {1, 2, 3, 4, 5, 6, 7, 8});
   SetClipBoard(dib);
   GlobalFree(dib);  // the caller keeps, and may free, its own block
   void* first = GetClipBoard();
   void* second = GetClipBoard();
-  ASSERT_NE(nullptr, first);
-  ASSERT_NE(nullptr, second);
-  EXPECT_NE(first, second) << "each call makes a new block";
-  std::vector<unsigned char> bytes = Bytes(first);
-  ASSERT_EQ(48u, bytes.size());
-  EXPECT_EQ((std::vector<unsigned char>{5, 6, 7, 8, 1, 2, 3, 4}), std::vector<unsigned char>(bytes.begin() + 40, bytes.end()));
-  GlobalFree(first);
+  EXPECT_NE(first, second);
+  EXPECT_EQ("h=2 size=8: 5 6 7 8 1 2 3 4", Normalised(first));
   GlobalFree(second);
-
   void* garbage = GlobalAlloc(GMEM_ZEROINIT, 10);
   SetClipBoard(garbage);
-  EXPECT_EQ(nullptr, GetClipBoard()) << "not a bitmap";
   GlobalFree(garbage);
-
+  EXPECT_EQ(nullptr, GetClipBoard()) << "not a bitmap";
   SetClipBoard(nullptr);
   EXPECT_EQ(nullptr, GetClipBoard());
 }

@@ -1,0 +1,766 @@
+// The Win32-named system layer on POSIX, API by API: events and semaphores,
+// critical sections, threads, time, processes and libraries, tracked global
+// memory, files and folders, and the reader-writer locks.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <semaphore.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <memory>
+#include <random>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/critical_section.h"
+#include "platform/event.h"
+#include "platform/file.h"
+#include "platform/format.h"
+#include "platform/global_memory.h"
+#include "platform/library.h"
+#include "platform/process.h"
+#include "platform/process_flags.h"
+#include "platform/rwlock.h"
+#include "platform/system_time.h"
+#include "platform/thread.h"
+#include "tests/common/temp_dir.h"
+
+namespace {
+
+using qs_test::PathExists;
+using qs_test::TempDir;
+using qs_test::WriteFile;
+
+bool SemaphoreExists(const std::string& name) { return access(("/dev/shm/sem." + name).c_str(), F_OK) == 0; }
+
+// Standard output of `fn`.
+std::string Printed(const std::function<void()>& fn) {
+  fflush(stdout);
+  testing::internal::CaptureStdout();
+  fn();
+  fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+// Every test process must leave /dev/shm as it found it: automatically named
+// events are unlinked when closed; semaphores keep their names by design and
+// the tests unlink them.
+class NoSemaphoresLeftBehind : public testing::Environment {
+ public:
+  void TearDown() override {
+    const std::string pid = std::to_string(getpid());
+    DIR* dir = opendir("/dev/shm");
+    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
+      const std::string name = entry->d_name;
+      if (name.rfind("sem.ce0" + pid + "_", 0) == 0) ADD_FAILURE() << "left behind: " << name;
+      if (name.rfind("sem.Sem" + pid + "_", 0) == 0) sem_unlink(name.substr(4).c_str());
+    }
+    if (dir != nullptr) closedir(dir);
+  }
+};
+const testing::Environment* const kShmCheck = testing::AddGlobalTestEnvironment(new NoSemaphoresLeftBehind);
+
+void WaitUntil(const std::function<bool()>& condition) {
+  for (int i = 0; i < 5000 && !condition(); ++i) usleep(1000);
+  ASSERT_TRUE(condition());
+}
+
+// ---- Events and semaphores ----------------------------------------------------
+
+using Event = std::unique_ptr<void, void (*)(void*)>;
+Event MakeEvent(signed char manualReset, signed char initialState, const char* name = nullptr) {
+  return Event(CreateEvent(nullptr, manualReset, initialState, name), CloseEvent);
+}
+
+// Each row drives one event with a script: s SetEvent, r ResetEvent, z a
+// zero-timeout wait, w a 10 ms wait; the results, in order.
+TEST(Event, ScriptedSignalsResetsAndWaits) {
+  const struct {
+    signed char manual, initial;
+    const char* script;
+    const char* results;
+  } rows[] = {
+      // A zero timeout never succeeds, not even with a signal pending; sets count.
+      {0, 1, "zsswwww", "258 1 1 0 0 0 258"},
+      // A manual-reset event lets one waiter through and swallows one more signal.
+      {1, 0, "ssww", "1 1 0 258"},
+      // A reset takes away at most one signal, and succeeds with none pending.
+      {0, 0, "rssrww", "1 1 1 1 0 258"},
+  };
+  for (const auto& row : rows) {
+    Event event = MakeEvent(row.manual, row.initial);
+    std::string results;
+    for (const char* op = row.script; *op != '\0'; ++op) {
+      unsigned int result = 0;
+      switch (*op) {
+        case 's': result = SetEvent(event.get()); break;
+        case 'r': result = ResetEvent(event.get()); break;
+        case 'z': result = WaitForEvent(event.get(), 0); break;
+        default: result = WaitForEvent(event.get(), 10); break;
+      }
+      results += (results.empty() ? "" : " ") + std::to_string(result);
+    }
+    EXPECT_EQ(row.results, results) << row.script;
+  }
+}
+
+// The wait budget is timeout x 1,000,000 in 32 bits: 67,108,864 ms wraps to 0
+// (a zero timeout), 5,000 ms gives up after about 705 ms. An infinite wait
+// wakes on another thread's signal.
+TEST(Event, BudgetWrapsIn32BitsAndInfiniteWaitsWake) {
+  Event set = MakeEvent(0, 1), idle = MakeEvent(0, 0);
+  EXPECT_EQ(258u, WaitForEvent(set.get(), 67108864u));
+  const unsigned int start = GetTickCount();
+  EXPECT_EQ(258u, WaitForEvent(idle.get(), 5000));
+  EXPECT_GE(GetTickCount() - start, 690u);
+  EXPECT_LT(GetTickCount() - start, 3000u);
+  std::thread setter([&] {
+    Sleep(30);
+    SetEvent(idle.get());
+  });
+  EXPECT_EQ(0u, WaitForEvent(idle.get(), INFINITE));
+  setter.join();
+  EXPECT_EQ(0xFFFFFFFFu, WaitForEvent(nullptr, 10));
+  EXPECT_EQ(0, SetEvent(nullptr));
+  EXPECT_EQ(1, ResetEvent(nullptr));
+  EXPECT_EQ(0u, WaitForEvents(0, nullptr, true, 10));
+}
+
+TEST(Event, NamesCreationAndOpening) {
+  SetGlobalSeed(77);
+  Event first = MakeEvent(0, 0), second = MakeEvent(0, 0);
+  SetGlobalSeed(0);
+  const std::regex pattern("ce0" + std::to_string(getpid()) + "_([0-9]+)_77");
+  std::smatch m1, m2;
+  const std::string n1 = GetEventName(first.get()), n2 = GetEventName(second.get());
+  ASSERT_TRUE(std::regex_match(n1, m1, pattern) && std::regex_match(n2, m2, pattern)) << n1 << " " << n2;
+  EXPECT_EQ(std::stoul(m1[1]) + 1, std::stoul(m2[1])) << "a process-wide counter";
+  EXPECT_TRUE(SemaphoreExists(n1));
+
+  const std::string name = "qs_evt_" + std::to_string(getpid()) + "_abcdefghijklmnopqrstuvwxyz0123456789";
+  const std::string cut = name.substr(0, 31);
+  Event created = MakeEvent(1, 0, name.c_str());
+  EXPECT_EQ(cut, GetEventName(created.get()));
+  void* again = reinterpret_cast<void*>(1);
+  EXPECT_EQ("CreateEvent sem_open failed " + std::to_string(EEXIST) + " name " + cut + "\n",
+            Printed([&] { again = CreateEvent(nullptr, 0, 0, cut.c_str()); }));
+  EXPECT_EQ(nullptr, again);
+  // OpenEvent shares the semaphore in an auto-reset record.
+  Event opened(OpenEvent(0, 0, cut.c_str()), CloseEvent);
+  SetEvent(opened.get());
+  SetEvent(opened.get());
+  EXPECT_EQ(0u, WaitForEvent(opened.get(), 10));
+  EXPECT_EQ(0u, WaitForEvent(created.get(), 10)) << "the opened record swallowed nothing";
+  created.reset();
+  EXPECT_FALSE(SemaphoreExists(cut)) << "closing unlinks the name";
+  EXPECT_EQ("OpenEvent sem_open failed " + std::to_string(ENOENT) + "\n",
+            Printed([&] { again = OpenEvent(0, 0, cut.c_str()); }));
+  EXPECT_EQ(nullptr, again);
+}
+
+TEST(Semaphore, ReleasePostsOnceFiniteWaitsFailAndCloseKeepsTheName) {
+  int previous = -7;
+  void* sem = CreateSemaphore(nullptr, 0, 10, nullptr);
+  EXPECT_EQ(1, ReleaseSemaphore(sem, 5, &previous));
+  EXPECT_EQ(-7, previous);
+  EXPECT_EQ(0u, WaitForSemaphone(sem, 0));
+  EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(sem, 20)) << "one post whatever the count; a time-out is not 258";
+  std::thread releaser([&] {
+    Sleep(20);
+    ReleaseSemaphore(sem, 1, nullptr);
+  });
+  EXPECT_EQ(0u, WaitForSemaphone(sem, INFINITE));
+  releaser.join();
+  CloseSemaphore(sem);
+
+  std::string name = "qs_sem_keep_" + std::to_string(getpid());
+  CloseSemaphore(CreateSemaphore(nullptr, 2, 2, &name[0]));
+  EXPECT_TRUE(SemaphoreExists(name));
+  sem_unlink(name.c_str());
+  EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(nullptr, 10));
+  EXPECT_EQ("sem_post failed " + std::to_string(EINVAL) + "\n",
+            Printed([] { EXPECT_EQ(1, ReleaseSemaphore(nullptr, 1, nullptr)); }));
+}
+
+// ---- Critical sections, threads, time ------------------------------------------
+
+int TryLockFromOtherThread(pthread_mutex_t* cs) {
+  int rc = -1;
+  std::thread([&] {
+    rc = pthread_mutex_trylock(cs);
+    if (rc == 0) pthread_mutex_unlock(cs);
+  }).join();
+  return rc;
+}
+
+// Re-entrant for the owner; a failure prints errno at that moment, not the
+// error number the pthread call returned.
+TEST(CriticalSection, ReentrantAndFailuresPrintErrno) {
+  static pthread_mutex_t cs;
+  InitializeCriticalSection(&cs);
+  EnterCriticalSection(&cs);
+  EnterCriticalSection(&cs);
+  LeaveCriticalSection(&cs);
+  EXPECT_EQ(EBUSY, TryLockFromOtherThread(&cs));
+#if !defined(__SANITIZE_THREAD__)  // ThreadSanitizer reports the misuse itself and changes errno
+  std::string unlockLine;
+  std::thread([&] {
+    unlockLine = Printed([] {
+      errno = 0;
+      LeaveCriticalSection(&cs);  // EPERM: not the owner
+    });
+  }).join();
+  EXPECT_EQ("pthread_mutex_unlock failed 0\n", unlockLine);
+  EXPECT_EQ("pthread_mutex_destroy failed 7\n", Printed([] {
+              errno = 7;
+              DeleteCriticalSection(&cs);  // EBUSY: still held
+            }));
+#endif
+  LeaveCriticalSection(&cs);
+  EXPECT_EQ(0, TryLockFromOtherThread(&cs));
+  DeleteCriticalSection(&cs);
+}
+
+std::atomic<bool> g_release{false}, g_cancelled{false}, g_finished{false};
+void MarkCancelled(void*) { g_cancelled = true; }
+// Sleeps (a cancellation point) until released, then finishes normally.
+void* WaitForRelease(void*) {
+  pthread_cleanup_push(MarkCancelled, nullptr);
+  while (!g_release.load()) usleep(1000);
+  g_finished = true;
+  pthread_cleanup_pop(0);
+  return nullptr;
+}
+
+// A finite timeout never bounds the wait: it cancels the thread, then joins.
+// An infinite one only joins; TerminateThread cancels; endthread ends.
+TEST(Thread, WaitsCancelsAndIds) {
+  for (const char* mode : {"finite", "infinite", "terminate"}) {
+    g_release = g_cancelled = g_finished = false;
+    unsigned int id = 12345;
+    void* handle = CreateThread(nullptr, 0, WaitForRelease, nullptr, 0, &id, nullptr);
+    usleep(20 * 1000);
+    std::thread releaser([&] {
+      usleep(30 * 1000);
+      g_release = true;
+    });
+    if (std::string(mode) == "terminate") TerminateThread(handle, 99);
+    EXPECT_EQ(0, WaitForThread(handle, std::string(mode) == "finite" ? 0 : INFINITE));
+    releaser.join();
+    EXPECT_EQ(std::string(mode) != "infinite", g_cancelled.load()) << mode;
+    EXPECT_EQ(std::string(mode) == "infinite", g_finished.load()) << mode;
+    EXPECT_EQ(12345u, id) << "no id is written";
+    CloseThread(handle);
+  }
+  pthread_t slot;
+  g_finished = true;
+  void* handle = CreateThread(
+      nullptr, 0, [](void*) -> void* { endthread(5); g_finished = false; return nullptr; }, nullptr, 0, nullptr,
+      &slot);
+  EXPECT_EQ(static_cast<void*>(&slot), handle) << "the caller's storage";
+  EXPECT_EQ(0, WaitForThread(handle, INFINITE));
+  EXPECT_TRUE(g_finished.load()) << "endthread ended the routine";
+  EXPECT_EQ(-1, WaitForThread(nullptr, INFINITE));
+
+  // Kernel ids: the main thread's is the pid; a forked child asks again.
+  EXPECT_EQ(static_cast<unsigned int>(syscall(SYS_gettid)), GetCurrentThreadId());
+  EXPECT_EQ(static_cast<unsigned int>(getpid()), GetCurrentThreadId());
+  unsigned int other = 0;
+  std::thread([&] { other = GetCurrentThreadId(); }).join();
+  EXPECT_NE(GetCurrentThreadId(), other);
+  const pid_t child = fork();
+  if (child == 0) _exit(GetCurrentThreadId() == static_cast<unsigned int>(getpid()) ? 0 : 1);
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+
+  int counter = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) threads.emplace_back([&] {
+    for (int i = 0; i < 5000; ++i) InterlockedIncrement(&counter);
+  });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(20000, InterlockedDecrement(&counter) + 1);
+}
+
+class ScopedTimeZone {
+ public:
+  explicit ScopedTimeZone(const char* tz) {
+    setenv("TZ", tz, 1);
+    tzset();
+  }
+  ~ScopedTimeZone() {
+    unsetenv("TZ");
+    tzset();
+  }
+};
+
+TEST(Time, TicksWrapIn32BitsAndSystemTimeIsLocal) {
+  // 4,294,967,296 ms is exactly 2^32; nanoseconds are truncated to whole ms.
+  EXPECT_EQ(0u, TickCountFromClock(4294967, 296000000));
+  EXPECT_EQ(4294967295u, TickCountFromClock(4294967, 295999999));
+  EXPECT_EQ(1234u, TickCountFromClock(1, 234999999));
+  // Sleep multiplies in 32 bits: 4,294,968 ms wraps to 704 us.
+  const unsigned int before = GetTickCount();
+  Sleep(4294968);
+  EXPECT_LT(GetTickCount() - before, 1000u);
+
+  ScopedTimeZone tz("UTC-2");  // two hours east of UTC
+  _SYSTEMTIME st{};
+  st.wDayOfWeek = 6;
+  st.wMilliseconds = 5;
+  ConvertTimeToSystemTime(st, 86400L * 365 + 3600 + 61);  // 1971-01-01 01:01:01 UTC
+  EXPECT_EQ("1971-1-1 3:1:1 0 5", std::to_string(st.wYear) + "-" + std::to_string(st.wMonth) + "-" +
+                                      std::to_string(st.wDay) + " " + std::to_string(st.wHour) + ":" +
+                                      std::to_string(st.wMinute) + ":" + std::to_string(st.wSecond) + " " +
+                                      std::to_string(st.wDayOfWeek) + " " + std::to_string(st.wMilliseconds));
+  st.wDayOfWeek = 6;
+  EXPECT_EQ(1, GetSystemTime(&st));
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  EXPECT_EQ(local.tm_hour, st.wHour);
+  EXPECT_EQ(0, st.wDayOfWeek);
+}
+
+// ---- Processes, libraries, formatting --------------------------------------------
+
+int Measure(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int n = _vscprintf(format, args);
+  va_end(args);
+  return n;
+}
+
+TEST(Process, ParsersLibrariesFormattingAndTheExitFlag) {
+  char status[] = "VmRSS:\t    2048 kB\n", netstat[] = "1234/firefox\n", noDigit[] = "VmRSS: kB\n";
+  EXPECT_EQ(2048, parseLine(status));
+  EXPECT_EQ(0, parseLine(noDigit));
+  EXPECT_EQ(1234, parseLineLinux(netstat));
+  EXPECT_STREQ("1234/firef", netstat) << "cut (length - 3) characters after the first digit";
+  TempDir dir;
+  WriteFile(dir / "status", "Name:\tx\nVmSize:\t  9999 kB\nVmRSS:\t    2048 kB\nThreads:\t1\n");
+  WriteFile(dir / "none", "Name:\tx\nVmSize:\t 9 kB\n");
+  EXPECT_EQ(2097152u, GetVmRssFromStatusFile((dir / "status").c_str()));
+  EXPECT_EQ(0u, GetVmRssFromStatusFile((dir / "none").c_str()));
+  EXPECT_EQ(0u, GetCurrentProcessVirtualMemSize() % 1024);
+
+  // The raw tgkill puts 9 where the thread id goes: the caller survives.
+  const pid_t child = fork();
+  if (child == 0) {
+    TerminateProcess(nullptr, 3);
+    _exit(42);
+  }
+  int exited = 0;
+  waitpid(child, &exited, 0);
+  EXPECT_TRUE(WIFEXITED(exited) && WEXITSTATUS(exited) == 42);
+
+  void* libc = LoadLibrary("libc.so.6");
+  EXPECT_NE(nullptr, GetProcAddress(libc, "strlen"));
+  EXPECT_EQ(nullptr, GetProcAddress(nullptr, "strlen"));
+  FreeLibrary(libc);
+  dlerror();
+  EXPECT_EQ(nullptr, LoadLibrary("/nonexistent/libnothing.so"));
+  EXPECT_EQ(nullptr, dlerror()) << "the loader's error is taken";
+
+  EXPECT_EQ(8, Measure("abc%d", 12345));
+  EXPECT_EQ(1030, Measure("%1030s", "x"));
+  EXPECT_EQ(LLONG_MIN, _atoi64("-9223372036854775808"));
+  EXPECT_EQ(12, _atoi64("12abc"));
+  errno = 13;
+  EXPECT_EQ(13u, GetLastError());
+
+  // Reading the exit flag takes glock's writer lock: it waits for a reader.
+  SetExitFlag(true);
+  glock.AcquireReaderLock(INFINITE);
+  std::atomic<int> flag{-1};
+  std::thread getter([&] { flag = GetExitFlag() ? 1 : 0; });
+  usleep(100 * 1000);
+  EXPECT_EQ(-1, flag.load());
+  glock.ReleaseReaderLock();
+  getter.join();
+  EXPECT_EQ(1, flag.load());
+  SetExitFlag(false);
+}
+
+// ---- Tracked global memory ---------------------------------------------------------
+
+bool Tracked(void* block) {
+  ScopedReaderLock hold(glockMemSize);
+  return gmapMemSize.count(block) != 0;
+}
+
+TEST(GlobalMemory, SizesFollowTheBlocks) {
+  unsigned char* block = static_cast<unsigned char*>(GlobalAlloc(GMEM_ZEROINIT, 100));
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(0, block[i]);
+  EXPECT_EQ(100u, GlobalSize(block));
+  EXPECT_EQ(block, GlobalLock(block));
+  void* keep = GlobalAlloc(0, 16);  // stands in the way of growing in place
+  void* grown = GlobalReAlloc(block, 4 << 20, 0);
+  EXPECT_EQ(4u << 20, GlobalSize(grown));
+  EXPECT_FALSE(Tracked(block)) << "a moved block's old address is forgotten";
+  GlobalFree(grown);
+  EXPECT_FALSE(Tracked(grown));
+  // The new address is recorded before the old one is erased: a block that
+  // stays where it was ends up untracked (sanitizer allocators always move).
+  void* big = GlobalAlloc(0, 4000);
+  void* shrunk = GlobalReAlloc(big, 100, 0);
+  EXPECT_EQ(shrunk == big ? 0u : 100u, GlobalSize(shrunk));
+  GlobalFree(shrunk);
+  GlobalFree(keep);
+  static char notOurs[16];
+  EXPECT_EQ(0u, GlobalSize(notOurs));
+  EXPECT_TRUE(Tracked(notOurs)) << "an unknown address is entered with size 0";
+  {
+    ScopedWriterLock hold(glockMemSize);
+    gmapMemSize.erase(notOurs);
+  }
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) threads.emplace_back([t] {
+    for (int i = 0; i < 500; ++i) {
+      const unsigned long size = 1 + (i * 7 + t) % 300;
+      void* b = GlobalAlloc(GMEM_ZEROINIT, size);
+      EXPECT_EQ(size, GlobalSize(b));
+      GlobalFree(GlobalReAlloc(b, size + 1000, 0));
+    }
+  });
+  for (auto& t : threads) t.join();
+}
+
+// ---- Files and folders ---------------------------------------------------------------
+
+TEST(File, OpensReadsCopiesAndAttributes) {
+  TempDir dir;
+  const std::string path = dir / "f";
+  EXPECT_EQ(nullptr, CreateFile(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  FILE* file = CreateFile(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, 0, nullptr);
+  unsigned int count = 0;
+  EXPECT_TRUE(WriteFile(file, "0123456789", 10, &count, nullptr));
+  EXPECT_EQ(4u, SetFilePointer(file, 4, nullptr, FILE_BEGIN));
+  unsigned int high = 77;
+  EXPECT_EQ(10u, GetFileSize(file, &high));
+  EXPECT_EQ(77u, high) << "the high part is not written";
+  EXPECT_EQ(4, ftell(file)) << "the position is restored";
+  EXPECT_EQ(8u, SetFilePointer(file, -2, nullptr, FILE_END));
+  char buffer[8] = {0};
+  EXPECT_TRUE(ReadFile(file, buffer, 8, &count, nullptr)) << "a short read at the end is success";
+  EXPECT_STREQ("89", buffer);
+  EXPECT_TRUE(QSCloseFile(file));
+  // Disposition 2 without the write bit truncates, then opens read-only.
+  file = CreateFile(path.c_str(), GENERIC_READ, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+  EXPECT_EQ(0u, GetFileSize(file, nullptr));
+  EXPECT_FALSE(WriteFile(file, "x", 1, &count, nullptr));
+  CloseFile(file);
+
+  // Whole files are read in 1 MiB pieces and terminated; 0 means success.
+  std::string content(3 * 1024 * 1024 + 5, 'a');
+  content[1024 * 1024] = 'b';
+  WriteFile(dir / "big", content);
+  unsigned char* data = nullptr;
+  int size = -1;
+  EXPECT_EQ(0, ReadFileByName((dir / "big").c_str(), &data, &size));
+  ASSERT_EQ(static_cast<int>(content.size()), size);
+  EXPECT_EQ(0, memcmp(data, content.data(), content.size()));
+  EXPECT_EQ(0, data[size]);
+  free(data);
+  // CopyFile writes only when that read answers nonzero: a readable source
+  // leaves the destination unwritten.
+  EXPECT_TRUE(CopyFile(path.c_str(), (dir / "target").c_str(), 1));
+  EXPECT_FALSE(PathExists(dir / "target"));
+
+  chmod(path.c_str(), 0444);
+  EXPECT_EQ(0u, GetFileAttributes(path.c_str())) << "read-only is never reported";
+  EXPECT_EQ(16u, GetFileAttributes(dir.path().c_str()));
+  EXPECT_EQ(0xFFFFFFFFu, GetFileAttributes((dir / "missing").c_str()));
+  EXPECT_EQ(0, ImgChmodForLinux(path.c_str()));
+  struct stat st {};
+  stat(path.c_str(), &st);
+  EXPECT_EQ(0777u, st.st_mode & 0777u);
+  EXPECT_TRUE(DeleteFile(path.c_str()));
+  EXPECT_FALSE(DeleteFile(path.c_str()));
+
+  const std::string sub = dir / "sub";
+  EXPECT_TRUE(CreateDirectory(sub.c_str(), nullptr));
+  EXPECT_FALSE(CreateDirectory(sub.c_str(), nullptr)) << "an existing path fails";
+  utimbuf times{1000000000, 1234567890};
+  utime(sub.c_str(), &times);
+  _FILETIME creation{5, 6}, access{7, 8}, write{0, 9};
+  EXPECT_TRUE(GetFileTime(const_cast<char*>(sub.c_str()), &creation, &access, &write));
+  EXPECT_EQ(1234567890u, write.dwLowDateTime) << "seconds since the epoch in the low word";
+  EXPECT_EQ(5u, creation.dwLowDateTime);
+}
+
+// One call clears files up to and including the first sub-directory met, in
+// directory-reading order; old sibling folders of a path are emptied.
+TEST(Folder, RemoveDirStopsAfterTheFirstSubDirectory) {
+  TempDir dir;
+  const std::string root = dir / "root";
+  for (const char* sub : {"", "/d1", "/d2"}) mkdir((root + sub).c_str(), 0777);
+  WriteFile(root + "/d1/x", "1");
+  WriteFile(root + "/d2/y", "2");
+  EXPECT_TRUE(RemoveDir(root.c_str()));
+  EXPECT_NE(PathExists(root + "/d1"), PathExists(root + "/d2")) << "one of the two is left";
+  EXPECT_TRUE(RemoveDir(root.c_str()));
+  EXPECT_TRUE(RemoveDir(root.c_str())) << "the third call removes the emptied folder";
+  EXPECT_FALSE(PathExists(root));
+  EXPECT_FALSE(RemoveDir(root.c_str()));
+
+  const time_t old = time(nullptr) - 400L * 86400;
+  for (const char* name : {"fresh", "yearold"}) {
+    mkdir((dir / name).c_str(), 0777);
+    WriteFile(dir / name + "/inside", "x");
+  }
+  WriteFile(dir / "oldfile", "x");
+  utimbuf oldTimes{old, old};
+  utime((dir / "yearold").c_str(), &oldTimes);
+  utime((dir / "oldfile").c_str(), &oldTimes);
+  EXPECT_EQ(1, RemoveUndeletedDir((dir / "fresh/").c_str()));
+  EXPECT_TRUE(PathExists(dir / "fresh/inside"));
+  EXPECT_FALSE(PathExists(dir / "yearold/inside"));
+  EXPECT_TRUE(PathExists(dir / "oldfile")) << "plain files stay";
+  EXPECT_EQ(0, RemoveUndeletedDir("no-slash"));
+  DeleteFileOrDir((dir / "fresh").c_str());
+  DeleteFileOrDir((dir / "oldfile").c_str());
+  EXPECT_FALSE(PathExists(dir / "oldfile") || PathExists(dir / "fresh"));
+}
+
+// ---- Reader-writer locks ---------------------------------------------------------------
+
+// Another thread that holds a reader lock from construction until Release().
+class OtherReader {
+ public:
+  explicit OtherReader(CReaderWriterLock& lock)
+      : thread_([this, &lock] {
+          lock.AcquireReaderLock(INFINITE);
+          holds_ = true;
+          while (!release_) usleep(1000);
+          lock.ReleaseReaderLock();
+        }) {
+    WaitUntil([this] { return holds_.load(); });
+  }
+  ~OtherReader() { Release(); }
+  void Release() {
+    release_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+
+ private:
+  std::atomic<bool> holds_{false}, release_{false};
+  std::thread thread_;
+};
+
+TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
+  CReaderWriterLock lock;
+  lock.ReleaseReaderLock();  // nothing held: ignored
+  ASSERT_TRUE(lock.AcquireWriterLock(INFINITE));
+  ASSERT_TRUE(lock.AcquireReaderLock(INFINITE));
+  EXPECT_EQ(0x10001u, lock.GetCurrentThreadStatus()) << "reads low, writes high";
+  lock.ReleaseReaderLock();
+  lock.AcquireWriterLock(INFINITE);
+  EXPECT_EQ(1u, lock.WriterCount()) << "the base lock sees the thread once";
+  lock.ReleaseWriterLock();
+  lock.AcquireReaderLock(INFINITE);
+  lock.ReleaseWriterLock();
+  EXPECT_EQ(1u, lock.GetCurrentThreadStatus()) << "a reader inside a writer stays a reader";
+  EXPECT_EQ(1u, lock.ReaderCount());
+  EXPECT_EQ(0u, lock.WriterCount());
+  lock.ReleaseWriterLock();  // reads only: ignored
+  lock.ReleaseReaderLock();
+  EXPECT_EQ(0, lock.ThreadRecordCount());
+
+  // An upgrade from a shared read waits for the other reader and keeps the reads.
+  OtherReader other(lock);
+  std::atomic<unsigned int> status{0};
+  auto upgrader = std::async(std::launch::async, [&] {
+    lock.AcquireReaderLock(INFINITE);
+    lock.AcquireReaderLock(INFINITE);
+    lock.AcquireWriterLock(INFINITE);
+    status = lock.GetCurrentThreadStatus();
+    lock.ReleaseAllLocks();
+  });
+  EXPECT_NE(std::future_status::ready, upgrader.wait_for(std::chrono::milliseconds(100)));
+  other.Release();
+  upgrader.wait();
+  EXPECT_EQ(0x10002u, status.load());
+  EXPECT_EQ(0u, lock.ReaderCount() + lock.WriterCount());
+
+  // Thread records grow from one slot, then by at least 4: 1, 5, 9 for six
+  // threads; removal never shrinks them.
+  CReaderWriterLock fresh;
+  std::vector<std::unique_ptr<OtherReader>> readers;
+  std::vector<int> capacities;
+  for (int i = 0; i < 6; ++i) {
+    readers.push_back(std::make_unique<OtherReader>(fresh));
+    capacities.push_back(fresh.ThreadListCapacity());
+  }
+  EXPECT_EQ((std::vector<int>{1, 5, 5, 5, 5, 9}), capacities);
+  readers.clear();
+  EXPECT_EQ(0, fresh.ThreadRecordCount());
+  EXPECT_EQ(9, fresh.ThreadListCapacity());
+}
+
+TEST(ReaderWriterLock, WritersGoFirstAndEveryBlockedReaderProceeds) {
+  CReaderWriterLock lock;
+  OtherReader reader(lock);
+  std::atomic<bool> writerHeld{false}, lateSawWriter{false};
+  auto writer = std::async(std::launch::async, [&] {
+    lock.AcquireWriterLock(INFINITE);
+    writerHeld = true;
+    Sleep(20);
+    lock.ReleaseWriterLock();
+  });
+  WaitUntil([&] { return lock.WriterCount() == 1; });
+  EXPECT_FALSE(lock.AcquireReaderLock(0)) << "a waiting writer shuts out new readers";
+  EXPECT_FALSE(lock.AcquireReaderLock(50));
+  EXPECT_EQ(0u, lock.WaitingReaderCount()) << "a timed-out reader leaves the counts as they were";
+  auto late = std::async(std::launch::async, [&] {
+    lock.AcquireReaderLock(INFINITE);
+    lateSawWriter = writerHeld.load();
+    lock.ReleaseReaderLock();
+  });
+  reader.Release();
+  writer.wait();
+  late.wait();
+  EXPECT_TRUE(lateSawWriter.load()) << "the writer went first";
+
+  // Liveness: every reader blocked behind a writer proceeds once it leaves,
+  // with no later writer to signal them.
+  ASSERT_TRUE(lock.AcquireWriterLock(INFINITE));
+  std::atomic<int> acquired{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i) readers.emplace_back([&] {
+    lock.AcquireReaderLock(INFINITE);
+    ++acquired;
+    while (acquired < 3) usleep(1000);  // all three inside together
+    lock.ReleaseReaderLock();
+  });
+  WaitUntil([&] { return lock.WaitingReaderCount() == 3; });
+  lock.ReleaseWriterLock();
+  for (auto& t : readers) t.join();
+  EXPECT_EQ(3, acquired.load());
+}
+
+// On the base lock, a lone reader's timed upgrade waits on an event nobody
+// signals, then finds the lock free and takes it after all; a downgrade lets
+// readers in but not writers.
+TEST(ReaderWriterLockBase, TimedOutUpgradeAndDowngrade) {
+  CReaderWriterLockNonReentrance lock;
+  ASSERT_TRUE(lock.AcquireReaderLock(INFINITE));
+  EXPECT_FALSE(lock.UpgradeToWriterLock(0)) << "timeout 0 fails and keeps the read";
+  const unsigned int start = GetTickCount();
+  EXPECT_TRUE(lock.UpgradeToWriterLock(30));
+  EXPECT_GE(GetTickCount() - start, 25u);
+  EXPECT_EQ(1u, lock.WriterCount());
+  EXPECT_EQ(0u, lock.ReaderCount());
+  lock.DowngradeFromWriterLock();
+  std::thread([&] {
+    EXPECT_TRUE(lock.AcquireReaderLock(0));
+    lock.ReleaseReaderLock();
+    EXPECT_FALSE(lock.AcquireWriterLock(0));
+  }).join();
+  lock.ReleaseReaderLock();
+  EXPECT_TRUE(lock.AcquireWriterLock(0));
+  lock.ReleaseWriterLock();
+}
+
+// The growth rule: size/8 clamped to 4..1024; a first allocation takes exactly
+// index + 1 zeroed slots; removal moves the rest down in order.
+TEST(CArray, GrowthRule) {
+  CArray<int, int> list;
+  for (int i = 0; i < 40; ++i) list.Add(i);
+  EXPECT_EQ(41, list.GetCapacity()) << "1, 5, ... 37, then 37 + 4";
+  list.Add(40);
+  list.Add(41);
+  EXPECT_EQ(46, list.GetCapacity()) << "41 + 41/8";
+  list.RemoveAt(0);
+  EXPECT_EQ(1, list.GetAt(0));
+  EXPECT_EQ(41, list.GetAt(40));
+  CArray<int, int> sparse;
+  sparse.SetAtGrow(9, 5);
+  EXPECT_EQ(10, sparse.GetCapacity());
+  EXPECT_EQ(0, sparse.GetAt(3));
+  CArray<int, int> big;
+  for (int i = 0; i < 9000 || big.GetSize() < big.GetCapacity(); ++i) big.Add(0);
+  const int full = big.GetCapacity();
+  big.Add(0);
+  EXPECT_EQ(full + 1024, big.GetCapacity()) << "at most 1024 slots at a time";
+}
+
+// Threads mixing re-entrant reads, writes, upgrades and downgrades: a writer
+// is always alone and every thread ends holding nothing.
+TEST(ReaderWriterLock, MixedReentrantOperationsKeepWritersAlone) {
+  CReaderWriterLock lock;
+  std::atomic<int> readers{0}, writers{0}, violations{0};
+  auto read = [&] {
+    ++readers;
+    if (writers.load() != 0) ++violations;
+    --readers;
+  };
+  auto write = [&] {
+    if (++writers != 1 || readers.load() != 0) ++violations;
+    --writers;
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) threads.emplace_back([&, t] {
+    std::mt19937 random(1000u + t);
+    for (int i = 0; i < 800; ++i) {
+      switch (random() % 4) {
+        case 0:
+          lock.AcquireReaderLock(INFINITE);
+          lock.AcquireReaderLock(INFINITE);
+          read();
+          lock.ReleaseReaderLock();
+          lock.ReleaseReaderLock();
+          break;
+        case 1:
+          lock.AcquireWriterLock(INFINITE);
+          lock.AcquireWriterLock(INFINITE);
+          lock.AcquireReaderLock(INFINITE);
+          write();
+          lock.ReleaseReaderLock();
+          lock.ReleaseWriterLock();
+          write();
+          lock.ReleaseWriterLock();
+          break;
+        case 2:
+          lock.AcquireReaderLock(INFINITE);
+          read();
+          lock.AcquireWriterLock(INFINITE);
+          write();
+          lock.ReleaseWriterLock();
+          read();
+          lock.ReleaseReaderLock();
+          break;
+        default:
+          lock.AcquireWriterLock(INFINITE);
+          write();
+          lock.AcquireReaderLock(INFINITE);
+          lock.ReleaseWriterLock();
+          read();
+          lock.ReleaseAllLocks();
+          break;
+      }
+      if (lock.GetCurrentThreadStatus() != 0) ++violations;
+    }
+  });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(0, violations.load());
+  EXPECT_EQ(0u, lock.ReaderCount() + lock.WriterCount() + lock.WaitingReaderCount());
+  EXPECT_EQ(0, lock.ThreadRecordCount());
+}
+
+}  // namespace
