@@ -1,0 +1,343 @@
+// CUtil and its neighbours, one table per helper: what each returns for the
+// inputs whose answers are surprising and part of the contract. What the fuzz
+// targets check as properties (the memory buffer against a model, IDN size
+// queries and capacities, the scanners' invariants) is not repeated here.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/global_memory.h"
+#include "tests/common/temp_dir.h"
+#include "util/mem_buffer.h"
+#include "util/punycode.h"
+#include "util/util.h"
+#include "util/version.h"
+#include "util/win_string.h"
+
+namespace {
+
+using qs_test::PathExists;
+using qs_test::TempDir;
+using qs_test::WriteFile;
+
+TEST(CUtilText, ScannersAndEditors) {
+  char out[8];
+  memset(out, 'z', sizeof(out));
+  lstrcpyn(out, "abcdef", 4);
+  EXPECT_EQ(0, memcmp(out, "abc\0z", 5)) << "count - 1 characters, nothing past count";
+  const struct { const char* text; const char* pattern; long from; unsigned to; signed char cs; int pos; } finds[] = {
+      {"aaab", "aab", 0, 4, 1, -1},    // the search restarts at the mismatching character
+      {"aab", "ab", 0, 3, 1, 1},
+      {"ABC", "abc", 0, 3, 1, -1}, {"ABC", "abc", 0, 3, 0, 0}, {"[]", "{}", 0, 2, 0, -1},  // only A-Z fold
+      {"abc", "", 0, 3, 1, -1}, {"abcabc", "abc", 1, 5, 1, -1},  // the match must end before `to`
+      {"abcabc", "a", 1, 1000, 1, 3},  // a range past the end stops at the terminator
+  };
+  for (const auto& f : finds) EXPECT_EQ(f.pos, CUtil::GetStringPos(f.text, f.pattern, f.from, f.to, f.cs)) << f.text;
+  const struct { const char* text; int lines; } counts[] = {
+      {"abc", 1}, {"abcd", 2}, {"H\r\n\r\n", 1}, {"H\r\n\r\nX", 2}, {"a\r\n\r\nb\r\n\r\ncd", 3}};
+  for (const auto& c : counts) EXPECT_EQ(c.lines, CUtil::CountLine(c.text)) << c.text;
+  const struct { const char* text; int index; const char* left; } trims[] = {
+      {"abc  ", 2, "abc"}, {"   ", -1, ""}, {"a b ", 2, "a b"}};
+  for (const auto& t : trims) {
+    std::string text = t.text;
+    EXPECT_EQ(t.index, TrimRight(&text[0], ' '));
+    EXPECT_STREQ(t.left, text.c_str());
+  }
+  char text[] = " \t a-b \t ";
+  CUtil::Trim(text);
+  CUtil::ReplaceChar(text, '-', '+');
+  EXPECT_EQ(3, CUtil::RemoveChar(text, '+')) << "the length before removal";
+  EXPECT_STREQ("ab", text);
+  char decoded[16];
+  CUtil::UrlDecode("a+b%41%6a%2F50%", decoded);
+  EXPECT_STREQ("a bAj/50%", decoded) << "a '%' without two characters after it is kept";
+  std::string replaced = "aaa";
+  CUtil::find_and_replace(replaced, "a", "aa");
+  EXPECT_EQ("aaaaaa", replaced) << "the search resumes after each replacement";
+  char sub[16];
+  CUtil::SubString("abcdef", 4, 10, sub);
+  EXPECT_STREQ("ef", sub);
+  EXPECT_EQ(3, CUtil::FindFirstNumPos("abc123", 6));
+  EXPECT_EQ(-1, CUtil::FindFirstNumPos("abc123", 3));
+  char path[] = "/opt/q/file.txt";
+  CUtil::TrimWindowsFileName(path);
+  EXPECT_STREQ("/opt/q/", path);
+
+  // Fields are blocks of their own (length + 1), an empty last field is not one.
+  char** fields = nullptr;
+  unsigned int count = 0;
+  EXPECT_TRUE(CUtil::SplitString("a,,b,", ',', &fields, &count));
+  ASSERT_EQ(3u, count);
+  EXPECT_EQ(3u, CUtil::GetStringCount("a,,b,", ','));
+  EXPECT_EQ("a||b", std::string(fields[0]) + "|" + fields[1] + "|" + fields[2]);
+  EXPECT_EQ(2u, GlobalSize(fields[0]));
+  CUtil::FreeSplitStringRet(fields, count);
+  EXPECT_FALSE(CUtil::SplitString(nullptr, ',', &fields, &count));
+}
+
+TEST(CUtilNumber, ConversionsAndSniffing) {
+  const struct { const char* text; long value; } numbers[] = {
+      {"--12x", 0}, {"x12", 0}, {"-12", -12}, {"---12", -12}, {"-12-3", -12}, {"1x2", 1}, {"-", 0}};
+  for (const auto& n : numbers) EXPECT_EQ(n.value, CUtil::atol(n.text)) << n.text;
+  EXPECT_EQ(12, CUtil::atol("1234", 2));
+  EXPECT_EQ(5, CUtil::atol("5", 100)) << "the length stops at the terminator";
+  EXPECT_EQ("0 9 10 15 0 0 0 0", [] {
+    std::string text;
+    for (char c : {'0', '9', 'A', 'F', 'a', 'f', ':', 'G'}) text += (text.empty() ? "" : " ") +
+                                                                     std::to_string(CUtil::ConvertHexToBinary(c));
+    return text;
+  }()) << "lower-case digits decode as 0";
+  unsigned char bytes[4] = {9, 9, 9, 9};
+  EXPECT_EQ(1, CUtil::ConvertHexStrToBinaryArray("0A1", bytes)) << "an odd last character is ignored";
+  EXPECT_EQ(10, bytes[0]);
+  EXPECT_EQ(9, bytes[1]);
+  char hex[8];
+  EXPECT_EQ(7, CUtil::ConvertBinaryArrayToHexStr(reinterpret_cast<const unsigned char*>("\x00\xAB\x10"), 3, hex));
+  EXPECT_STREQ("00AB10", hex);
+  EXPECT_EQ('0', CUtil::ConvertBinaryToHex(16));
+  const struct { std::string bytes; int type; } images[] = {
+      {std::string("BM\x10\x00", 4), 0}, {"\xFF\xD8\xFF\xE0", 1}, {std::string("MM\x00\x2A", 4), 2},
+      {std::string("II\x2A\x00", 4), 2}, {std::string("II\x00\x2A", 4), -1}, {"\x89PNG", 3}, {"%pDf", 4},
+      {"GIF89a", 6}, {"GIF87a", 6}, {"GIF88a", -1}, {"GIF89", -1}, {"BM\x10", -1}};
+  for (const auto& i : images) {
+    EXPECT_EQ(i.type, CUtil::GetSupportedImageType(reinterpret_cast<const unsigned char*>(i.bytes.data()),
+                                                   static_cast<unsigned int>(i.bytes.size())))
+        << i.bytes;
+  }
+  EXPECT_EQ(-3013, CUtil::TransferSystemErrorCodeToFolivantErrorCode(13));
+  _SYSTEMTIME st = CUtil::GetLocalTime();
+  EXPECT_EQ(0, st.wMilliseconds + st.wDayOfWeek);
+}
+
+TEST(Versions, NormalizedByLengthAndIdentifiers) {
+  const struct { const char* in; const char* out; } versions[] = {
+      {"123456", ""}, {"1234567", "0102034567"}, {"12345678", "1203045678"}, {"123456789", "1234056789"},
+      {"1234567890", "1234567890"}, {"123456789012", "1234569012"}, {"16030509", "1600030509"},
+      {"abcdefg", "0a0b0cdefg"}};
+  for (const auto& v : versions) {
+    char out[11];
+    memset(out, 'z', sizeof(out));
+    EXPECT_EQ(v.out[0] != '\0', CUtil::NormalizeVersion(v.in, out));
+    EXPECT_STREQ(v.out, out) << v.in;
+  }
+  const std::string hex = generate_hex(5000);
+  ASSERT_EQ(10000u, hex.size());
+  for (size_t i = 0; i < hex.size(); i += 2) ASSERT_NE("ff", hex.substr(i, 2));
+  char uuid[1024];  // the buffer is zeroed whole: 1024 bytes
+  memset(uuid, 'z', sizeof(uuid));
+  EXPECT_EQ(32, CUtil::CreateUUID(uuid));
+  EXPECT_EQ(32u, strlen(uuid));
+  EXPECT_EQ(std::string::npos, std::string(uuid).find_first_not_of("0123456789abcdef"));
+}
+
+TEST(CUtilWide, FaithfulBeyondTheBasicPlaneAndReplacesMalformedInput) {
+  const char* text = "a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80z";
+  std::wstring wide;
+  CUtil::UTF8toUnicode(text, wide);
+  EXPECT_EQ((std::wstring{L'a', 0xE9, 0x4E2D, 0x1F600, L'z'}), wide);
+  std::string back;
+  CUtil::UnicodeToUTF8(wide.c_str(), back);
+  EXPECT_EQ(text, back);
+  CUtil::UTF8toUnicode("a\xFF" "b\xE4\xB8", wide);
+  EXPECT_EQ((std::wstring{L'a', 0xFFFD, L'b', 0xFFFD, 0xFFFD}), wide);
+  const wchar_t invalid[] = {L'x', static_cast<wchar_t>(0xD800), 0};
+  CUtil::UnicodeToUTF8(invalid, back);
+  EXPECT_EQ("x\xEF\xBF\xBD", back);
+  wchar_t* copy = CUtil::ConvertUTF8toUnicode("\xF0\x9F\x98\x80!", 5);
+  EXPECT_EQ(5u * 3 * sizeof(wchar_t), GlobalSize(copy));
+  EXPECT_EQ(static_cast<wchar_t>(0x1F600), copy[0]);
+  GlobalFree(copy);
+}
+
+TEST(CUtilFiles, FoldersCopiesAndCodes) {
+  TempDir dir;
+  EXPECT_TRUE(CUtil::CreateDirectory((dir / "a/b/c.txt").c_str())) << "the folders before the file name";
+  EXPECT_TRUE(qs_test::IsFolder(dir / "a/b"));
+  EXPECT_FALSE(PathExists(dir / "a/b/c.txt"));
+  WriteFile(dir / "blocker", "x");
+  EXPECT_FALSE(CUtil::CreateDirectory((dir / "blocker/sub/f").c_str()));
+  // The copy goes through CopyFile, whose successful read writes nothing:
+  // folders are made, no file is written, and it reports success.
+  WriteFile(dir / "a/b/deep.txt", "deep");
+  EXPECT_TRUE(CUtil::CopyDirectoryFiles((dir / "a/").c_str(), (dir / "to").c_str(), 1));
+  EXPECT_TRUE(qs_test::IsFolder(dir / "to/b"));
+  EXPECT_FALSE(PathExists(dir / "to/b/deep.txt"));
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(CUtil::DeleteDirectory((dir / "a").c_str(), 1));
+  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find(dir / "a/b/deep.txt file\n"));
+  EXPECT_FALSE(PathExists(dir / "a"));
+  EXPECT_FALSE(CUtil::DeleteDirectory((dir / "a").c_str(), 1));
+  const struct { std::string path; signed char isFile; long code; } exists[] = {
+      {dir / "blocker", 1, 0}, {dir.path(), 0, 0}, {dir.path(), 1, -2418}, {dir / "blocker", 0, -1017},
+      {dir / "missing", 1, -3002}, {dir / "missing", 0, -3003}};
+  for (const auto& e : exists) EXPECT_EQ(e.code, CUtil::FileFolderExists(e.path.c_str(), e.isFile, 0)) << e.path;
+  unsigned int size = 0;
+  long error = -1;
+  unsigned char* data = CUtil::LoadFileToMemoryInner((dir / "blocker").c_str(), &size, &error);
+  EXPECT_EQ(1u, GlobalSize(data));
+  GlobalFree(data);
+  EXPECT_EQ(nullptr, CUtil::LoadFileToMemoryInner((dir / "missing").c_str(), &size, &error));
+  EXPECT_EQ(16, error);
+  const unsigned char hello[] = {'h', 'e', 'l', 'l', 'o'};
+  const std::string saved = dir / "new/f.bin";
+  EXPECT_EQ(0, CUtil::SaveDataToFileInner(saved.c_str(), hello, 5, 0));
+  EXPECT_EQ(0, CUtil::SaveDataToFileInner(saved.c_str(), hello, 2, 3)) << "an offset writes into the file";
+  EXPECT_EQ("helhe", qs_test::ReadWholeFile(saved));
+  EXPECT_EQ(16, CUtil::SaveDataToFileInner((dir / "absent").c_str(), hello, 5, 2)) << "an offset needs the file";
+  char module[1025];
+  CUtil::GetModulePath(module);
+  char exe[1025] = {0};
+  EXPECT_EQ(static_cast<ssize_t>(strlen(module)), readlink("/proc/self/exe", exe, 1024));
+}
+
+// ---- The memory buffer -------------------------------------------------------------
+
+// Records which virtual slots internal calls go through.
+class Recording : public CMemBuffer {
+ public:
+  using CMemBuffer::CMemBuffer;
+  ~Recording() override { Close(); }
+  unsigned char* Alloc(unsigned int size) override { return calls += "A", CMemBuffer::Alloc(size); }
+  unsigned char* Realloc(unsigned char* buffer, unsigned int size) override {
+    return calls += "R", CMemBuffer::Realloc(buffer, size);
+  }
+  unsigned int Write(const void* buffer, unsigned int n) override { return calls += "W", CMemBuffer::Write(buffer, n); }
+  unsigned int Read(void* buffer, unsigned int count) override { return calls += "r", CMemBuffer::Read(buffer, count); }
+  std::vector<ptrdiff_t> Offsets() const {
+    auto at = [this](const void* field) { return static_cast<const char*>(field) - reinterpret_cast<const char*>(this); };
+    return {at(&m_nGrowBy), at(&m_nPosition), at(&m_nCapacity), at(&m_nLength), at(&m_pBuffer), at(&m_bAutoDelete),
+            at(&m_hMemory)};
+  }
+  std::string calls;
+};
+
+TEST(MemBuffer, ExportedLayoutVirtualSlotsAndStringRecords) {
+  EXPECT_EQ(48u, sizeof(CMemBuffer));
+  Recording file(16);
+  EXPECT_EQ((std::vector<ptrdiff_t>{8, 12, 16, 20, 24, 32, 40}), file.Offsets());
+  EXPECT_TRUE(file.WriteString("abc"));
+  EXPECT_TRUE(file.WriteString("defghijklmnopqrstu"));
+  EXPECT_EQ("WAWWWR", file.calls.substr(0, 6)) << "records go through Write, growth through Alloc and Realloc";
+  EXPECT_EQ(32u, file.GetCapacity()) << "whole steps of 16";
+  file.Seek(0, 0);
+  unsigned int prefix = 0;
+  file.Read(&prefix, 4);
+  EXPECT_EQ(3u, prefix) << "a 4-byte length, then the bytes";
+  file.Seek(0, 0);
+  char* text = nullptr;
+  EXPECT_TRUE(file.ReadStringEx(&text, 0, -1));
+  EXPECT_STREQ("abc", text);
+  GlobalFree(text);
+  // A record longer than what is left is refused: nothing copied or handed out.
+  const unsigned int huge = 1000;
+  file.Seek(0, 0);
+  file.Write(&huge, 4);
+  file.Seek(0, 0);
+  text = nullptr;
+  EXPECT_FALSE(file.ReadStringEx(&text, 0, -1));
+  EXPECT_EQ(nullptr, text);
+  EXPECT_EQ(4u, file.GetPosition());
+}
+
+// ---- Punycode and IDN ------------------------------------------------------------------
+
+// A UTF-8 decoder of our own, so the vectors do not depend on the conversion
+// under test in IdnToAscii.
+std::wstring DecodeUtf8(const std::string& text) {
+  std::wstring out;
+  for (size_t i = 0; i < text.size();) {
+    const unsigned char lead = static_cast<unsigned char>(text[i]);
+    const int extra = lead < 0x80 ? 0 : lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
+    uint32_t cp = extra == 0 ? lead : lead & (0x3F >> extra);
+    for (int k = 1; k <= extra; ++k) cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+    out.push_back(static_cast<wchar_t>(cp));
+    i += static_cast<size_t>(extra) + 1;
+  }
+  return out;
+}
+
+int Length(const std::wstring& label) {
+  return PunyCode::u_strToPunycode(label.c_str(), -1, nullptr, 0, nullptr, nullptr, nullptr);
+}
+
+std::string Encode(const std::wstring& label, const signed char* flags = nullptr, int capacity = 4096) {
+  std::vector<char> dest(static_cast<size_t>(capacity), '#');
+  const int n = PunyCode::u_strToPunycode(label.c_str(), -1, dest.data(), capacity, flags, nullptr, nullptr);
+  return std::string(dest.data(), static_cast<size_t>(n < capacity ? n : capacity));
+}
+
+std::string Idn(const std::string& host) {
+  std::vector<char> out(8192, '#');
+  const unsigned int length = CUtil::IdnToAscii(host.c_str(), out.data());
+  return length == 0 ? "<fail>" : std::string(out.data(), length);
+}
+
+TEST(PunyCode, IndependentVectorsAlsoInsideIdnToAscii) {
+  // RFC 3492 samples A-R and 300 random labels from Python's codec
+  // (data/make_punycode_vectors.py): "<label as UTF-8 hex> <encoding>".
+  std::ifstream file(QS_TEST_DATA_DIR "/punycode_vectors.txt");
+  std::string line, hex, encoded;
+  int count = 0;
+  while (std::getline(file, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream(line) >> hex >> encoded;
+    std::string utf8;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) utf8 += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    EXPECT_EQ(encoded, Encode(DecodeUtf8(utf8))) << encoded;
+    // IdnToAscii prefixes it, or fails when it is longer than its 1024-byte label buffer.
+    EXPECT_EQ(encoded.size() > 1024 ? "<fail>" : "www.xn--" + encoded + ".Example", Idn("www." + utf8 + ".Example"));
+    ++count;
+  }
+  EXPECT_EQ(318, count);
+}
+
+TEST(PunyCode, DelimiterCaseFlagsLimitsAndTheOverflowGuard) {
+  EXPECT_EQ("-> $1.00 <-", Encode(L"-> $1.00 <-")) << "all basic: no trailing delimiter";
+  EXPECT_EQ("a--yka", Encode(L"a-\u00FC"));
+  const signed char mixed[] = {1, 0, 1, 0, 1, 0}, second[] = {0, 1};
+  EXPECT_EQ("AbC-9b", Encode(L"abC-9B", mixed)) << "basic letters follow their flag";
+  EXPECT_EQ("a-ehA", Encode(L"a\u00FC", second)) << "only the final digit of the delta";
+  EXPECT_EQ("bc", Encode(L"b\u00FCcher", nullptr, 2)) << "the capacity limits what is stored";
+  EXPECT_EQ(9, Length(L"b\u00FCcher")) << "not the length";
+  EXPECT_EQ(Encode(L"x\U0001F600y"), Encode(std::wstring{L'x', wchar_t(0xD83D), wchar_t(0xDE00), L'y'}))
+      << "a UTF-16 pair is the code point it stands for";
+  EXPECT_EQ(0, Length(std::wstring{L'a', wchar_t(0xD800)})) << "a lone surrogate";
+  // At most 512 code points; pairs count once.
+  EXPECT_EQ(512, Length(std::wstring(512, L'a')));
+  EXPECT_EQ(0, Length(std::wstring(513, L'a')));
+  std::wstring pairs;
+  for (int i = 0; i < 511; ++i) pairs += {wchar_t(0xD83D), wchar_t(0xDE00)};
+  EXPECT_NE(0, Length(pairs + L'a'));
+  EXPECT_EQ(0, Length(pairs + L"ab"));
+  // The first pass allows m - 128 up to 0x7FFFFDFF; one basic code point halves it.
+  EXPECT_EQ("9p16146o", Encode(std::wstring(1, wchar_t(0x7FFFFDFF + 128))));
+  EXPECT_EQ(0, Length(std::wstring(1, wchar_t(0x7FFFFDFF + 129))));
+  EXPECT_EQ("a-9p16146o", Encode(std::wstring{L'a', wchar_t(0x3FFFFEFF + 128)}));
+  EXPECT_EQ(0, Length(std::wstring{L'a', wchar_t(0x3FFFFEFF + 129)}));
+}
+
+TEST(IdnToAscii, LabelRulesAndThe1024ByteLabel) {
+  const struct { const char* host; const char* ascii; } rows[] = {
+      {"Example.COM", "Example.COM"}, {"example.com.", "example.com"}, {"www.B\xC3\xBC" "cher.de", "www.xn--Bcher-kva.de"},
+      {"\xFF.com", "xn--zn7c.com"}, {"a..b", "<fail>"}, {".com", "<fail>"}};
+  for (const auto& r : rows) EXPECT_EQ(r.ascii, Idn(r.host)) << r.host;
+  EXPECT_EQ(12u, CUtil::IdnToAscii("xn--tda.com.", nullptr)) << "the size query counts the terminator";
+  // "aa" + 344 ideographs encode to exactly 1024 bytes, 346 to 1025.
+  for (const int ideographs : {344, 346}) {
+    std::string utf8 = ideographs == 344 ? "aa" : "";
+    for (unsigned i = 0; i < static_cast<unsigned>(ideographs); ++i) {
+      const unsigned cp = 0x4E00 + i * 7919u % 20000u;
+      utf8 += {char(0xE0 | (cp >> 12)), char(0x80 | ((cp >> 6) & 0x3F)), char(0x80 | (cp & 0x3F))};
+    }
+    EXPECT_EQ(ideographs == 344, Idn(utf8) != "<fail>") << ideographs;
+  }
+}
+
+}  // namespace
