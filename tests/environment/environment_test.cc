@@ -1,0 +1,296 @@
+// The service environment with its files in a folder of the test's own: the
+// configuration store, logging, the port registry, user sessions and desktop
+// commands.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "environment/configuration.h"
+#include "environment/log.h"
+#include "environment/port_registry.h"
+#include "environment/program_info.h"
+#include "environment/user_session.h"
+#include "platform/log.h"
+#include "platform/process_flags.h"
+#include "tests/environment/service_folder.h"
+
+namespace {
+
+using qs_test::PathExists;
+using qs_test::ReadWholeFile;
+using qs_test::ServiceFolder;
+using qs_test::WriteFile;
+
+// ---- Configuration --------------------------------------------------------------
+
+TEST(Configuration, FlagsReadsAndWhoWrites) {
+  ServiceFolder folder;
+  const struct { const char* text; bool flag; } flags[] = {
+      {"", true},  // absent: the default
+      {"[QS]\nEnableCORSAll=true\n", true}, {"[qs]\nenablecorsall=tRuE\n", true},  // case-blind everything
+      {"[QS]\nEnableCORSAll=1\n", false}, {"[QS]\nEnableCORSAll= TRUE\n", false},  // values are not trimmed
+  };
+  for (const auto& f : flags) {
+    folder.SetConfiguration(f.text);
+    EXPECT_EQ(f.flag, GetConfigurationfromInitFile("EnableCORSAll", "TRUE")) << f.text;
+  }
+  folder.SetConfiguration("[QS]\nServer=\nLong=" + std::string(3000, 'v') + "\n[Other]\nk=v\n");
+  EXPECT_EQ("", GetConfigurationfromInitFile("Server", "127.0.0.1", nullptr)) << "present but empty wins";
+  EXPECT_EQ("", GetConfigurationfromInitFile("Missing", nullptr, nullptr));
+  EXPECT_EQ("v", GetConfigurationfromInitFile("k", "dflt", "Other"));
+  EXPECT_EQ(std::string(2046, 'v'), GetConfigurationfromInitFile("Long", nullptr, nullptr));
+  EXPECT_EQ(std::string(2046, 'd'), GetConfigurationfromInitFile("None", std::string(3000, 'd').c_str(), nullptr));
+  EXPECT_TRUE(GetIfOnlyLoadQuintarisSignedModule());
+
+  folder.SetConfiguration("#note\n[QS]\nLogLevel=6\n");
+  SetIfServiceProcess(false);
+  SetConfigurationToInitFile("LogLevel", 14, nullptr);
+  EXPECT_EQ("#note\n[QS]\nLogLevel=6\n", folder.Configuration()) << "only the service process writes";
+  EXPECT_TRUE(SetUserProcessExitFlag("S-1", true)) << "any process writes its exit flag";
+  EXPECT_TRUE(GetUserProcessExitFlag("S-1"));
+  EXPECT_FALSE(GetUserProcessExitFlag(""));
+  SetIfServiceProcess(true);
+  SetConfigurationToInitFile("LogLevel", 14, nullptr);
+  SetConfigurationToInitFile("Name", std::string("x y"), "Extra");
+  EXPECT_EQ("[Extra]\nName=x y\n[QS]\nLogLevel=14\n", folder.Configuration());
+
+  const std::string dir = folder.dir().path() + "/";
+  EXPECT_EQ(dir + "qss.log", MakeSureFileCanBeWritten(dir, "qss.log"));
+  EXPECT_TRUE(std::regex_match(MakeSureFileCanBeWritten(dir + "ro/", "a.b.log"),
+                               std::regex(dir + "ro/a\\.b\\(-?[0-9]+\\)\\.log")))
+      << "a number before the last dot when the file cannot be opened";
+  EXPECT_EQ(dir + "ro/LOG", MakeSureFileCanBeWritten(dir + "ro/", "LOG"));
+}
+
+// ---- Logging ------------------------------------------------------------------------
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+// "[Process:%6d Thread:%6d] [MM/DD/YYYY hh:mm:ss.mmm] [Type-mode]: "
+std::string Prefix(const std::string& type, int mode = 0) {
+  char pid[16];
+  snprintf(pid, sizeof(pid), "%6d", getpid());
+  return std::string(R"(\[Process:)") + pid + R"( Thread: *[0-9]+\] \[[01][0-9]/[0-3][0-9]/20[0-9]{2} )" +
+         R"([0-2][0-9]:[0-5][0-9]:[0-6][0-9]\.[0-9]{3}\] \[)" + type + "-" + std::to_string(mode) + R"(\]: )";
+}
+
+TEST(Logging, LinesLevelsAndFiles) {
+  ServiceFolder folder("[QS]\nLogLevel=6\n");
+  EXPECT_TRUE(LogDebug("hidden %d", 1)) << "filtered counts as written";
+  errno = 2;
+  EXPECT_TRUE(LogErr("Something failed"));
+  EXPECT_EQ(2, errno) << "the caller's errno is kept";
+  LogInfo("note %s", "here");
+  folder.SetConfiguration("[QS]\nLogLevel=255\n");  // read on every call, unvalidated while filtering
+  SetProgramMode(WorkModeUserProcess);
+  const unsigned char data[] = {'a', 0, 'z'};
+  LogDebug("with data", data, 3);
+  LogDebug("empty data", data, 0);
+  SetProgramMode(WorkModeService);
+  errno = 0;
+  Log(3, "type %d", 3);
+  Log(1, "type %d", 1);
+  const std::vector<std::string> lines = Lines(folder.ServiceLog());
+  const std::string expected[] = {Prefix("Error") + "Something failed GetLastError = 2\\.", Prefix("Info") + "note here",
+                                  Prefix("Debug", 3) + "with data", std::string("a\\x00z"),
+                                  Prefix("Debug", 3) + "empty data", "", Prefix("Error") + "type 3 GetLastError = 0\\.",
+                                  Prefix("Debug") + "type 1"};
+  ASSERT_EQ(8u, lines.size()) << folder.ServiceLog();
+  for (size_t i = 0; i < 8; ++i) EXPECT_TRUE(std::regex_match(lines[i], std::regex(expected[i]))) << lines[i];
+  EXPECT_EQ(std::string::npos, folder.ServiceLog().find('\r'));
+  SetIfScanningProcess(true);
+  LogInfo("from the scanner");
+  SetIfScanningProcess(false);
+  EXPECT_NE(std::string::npos, folder.ScanningLog().find("from the scanner"));
+  g_log_file = folder.dir() / "missing/folder/qss.log";
+  EXPECT_FALSE(LogErr("lost"));
+}
+
+TEST(Logging, LevelValidationAndTheRunTimeMask) {
+  ServiceFolder folder;
+  EXPECT_EQ(6, GetLogLevelInLocal()) << "missing key";
+  folder.SetConfiguration("[QS]\nLogLevel = 12\n");
+  EXPECT_EQ(12, GetLogLevelInLocal()) << "the value's leading blank is skipped";
+  folder.SetConfiguration("[QS]\nLogLevel=abc\n");
+  EXPECT_EQ(0, GetLogLevel()) << "not a number lets nothing through";
+  UpdateLogLevel();
+  EXPECT_EQ(6, g_log_level);
+  folder.SetConfiguration("[QS]\nLogLevel=15\n");
+  UpdateLogLevel();
+  EXPECT_EQ(6, g_log_level);
+  EXPECT_NE(std::string::npos, folder.ServiceLog().find("Invalid Service Log Level value. Default log level value loaded."));
+  folder.SetConfiguration("[QS]\nLogLevel=6\nOther=x\n");
+  const struct { int mask; bool all; int level; } masks[] = {{65535, true, 14}, {8, true, 14}, {0, false, 6}};
+  for (const auto& m : masks) {
+    EXPECT_EQ(m.all, ChangeLogLevel(m.mask)) << m.mask;
+    EXPECT_EQ(m.level, g_log_level) << m.mask;
+  }
+  SetIfServiceProcess(true);
+  SetLogLevel(14);
+  EXPECT_EQ("[QS]\nLogLevel=14\nOther=x\n", folder.Configuration());
+  EXPECT_TRUE(g_enumLogLevel);
+  EXPECT_TRUE(IsDebugMode());
+  EXPECT_NE(std::string::npos, folder.ServiceLog().find("[Debug-0]: Log Level = 14, 0."));
+  EXPECT_EQ("Error|Info|NULL||", GetLogTypeStr(6) + "|" + GetLogTypeStr(12) + "|" + GetLogTypeStr(15) + "|" +
+                                     GetLogTypeStr(16) + "|" + GetLogTypeStr(0));
+}
+
+TEST(Logging, ConcurrentLinesNeverInterleave) {
+  ServiceFolder folder("[QS]\nLogLevel=6\n");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) threads.emplace_back([t] {
+    for (int i = 0; i < 100; ++i) LogInfo("thread %d %s", t, std::string(200, 'a' + t).c_str());
+  });
+  for (auto& thread : threads) thread.join();
+  const std::vector<std::string> lines = Lines(folder.ServiceLog());
+  ASSERT_EQ(400u, lines.size());
+  const std::regex whole(Prefix("Info") + "thread [0-3] ([a-d])\\1{199}");
+  for (const std::string& line : lines) ASSERT_TRUE(std::regex_match(line, whole)) << line;
+}
+
+// ---- Port registry ----------------------------------------------------------------
+
+using PortMap = std::map<std::string, int>;
+
+TEST(PortRegistry, UserPortsNamedListsAndTheTextSearch) {
+  ServiceFolder folder;
+  g_mapSSLPortInMem.clear();
+  WriteFile(g_user_config_file, "[S-1]\nkxp=18625\nkxp_def=18993\nkxp_ssl=18626\nkxp_ssl_def=18994\nfvt=12abc\n"
+                                "[]\nkxp_ssl=30000\nfvt_ssl=0\nkxs_ssl=20000\n");
+  EXPECT_EQ("18625 18993 18626 18994 12 0", std::to_string(GetPort("S-1", "kxp", false, false)) + " " +
+                                                std::to_string(GetPort("S-1", "kxp", true, false)) + " " +
+                                                std::to_string(GetPort("S-1", "kxp", false, true)) + " " +
+                                                std::to_string(GetPort("S-1", "kxp", true, true)) + " " +
+                                                std::to_string(GetPort("S-1", "fvt", false, false)) + " " +
+                                                std::to_string(GetPort("S-1", "kxs", false, true)));
+  SetIfServiceProcess(false);
+  SavePort("S-2", "fvt", true, false, 18625);
+  EXPECT_NE(std::string::npos, ReadWholeFile(g_user_config_file).find("[S-2]\nfvt=18625\nfvt_def=18625\n"));
+  EXPECT_TRUE(ReadUserSSLPort().empty()) << "only in the per-user process mode";
+  SetProgramMode(WorkModeUserProcess);
+  EXPECT_EQ((std::vector<int>{30000, 20000}), ReadUserSSLPort()) << "kxp, fvt, kxs; zeros left out";
+  SetProgramMode(WorkModeService);
+
+  // Another process keeps a list entry in memory only; the service's next write carries it.
+  SetSSLPort(18626, "a");
+  EXPECT_FALSE(PathExists(g_init_file));
+  SetIfServiceProcess(true);
+  SetSSLPort(18994, "b");
+  EXPECT_EQ("[QS]\nSSLPort=2\nSSLPort_mn_0=a\nSSLPort_mn_1=b\nSSLPort_mp_0=18626\nSSLPort_mp_1=18994\n",
+            folder.Configuration());
+  EXPECT_EQ(18626, GetSSLPort("a", true));
+  EXPECT_EQ(0, GetSSLPort("x", true));
+  g_mapSSLPortInMem.clear();
+  // A shorter list leaves stale entries only the count hides; ten at most without it.
+  SavePort(PortMap{{"a", 1}, {"b", 2}, {"c", 3}}, "Port");
+  SavePort(PortMap{{"z", 26}}, "Port");
+  EXPECT_EQ((PortMap{{"z", 26}}), ReadPort("Port", true));
+  EXPECT_EQ((PortMap{{"z", 26}, {"b", 2}, {"c", 3}}), ReadNoSSLPort(false));
+  std::string text = "[QS]\nPort=0\n";
+  for (int i = 0; i < 12; ++i) text += "Port_mn_" + std::to_string(i) + "=p" + std::to_string(i) + "\nPort_mp_" +
+                                       std::to_string(i) + "=" + std::to_string(1000 + i) + "\n";
+  folder.SetConfiguration(text + "Port_mn_1=p0\n");  // a later duplicate name wins
+  EXPECT_TRUE(ReadPort("Port", true).empty());
+  EXPECT_EQ(9u, ReadPort("Port", false).size());
+  EXPECT_EQ(1001, GetNoSSLPort("p0", false));
+
+  const std::string file = folder.dir() / "ports.txt";
+  WriteFile(file, std::string("listen 18625\n\0" "18994", 19));
+  EXPECT_EQ("1 1 0 0", std::to_string(PortIsUsed(file, 18625)) + " " + std::to_string(PortIsUsed(file, 8625)) + " " +
+                           std::to_string(PortIsUsed(file, 18994)) + " " + std::to_string(PortIsUsed(18625)))
+      << "a substring test up to the first 0 byte";
+  mkfifo((folder.dir() / "fifo").c_str(), 0666);
+  EXPECT_FALSE(PortIsUsed(folder.dir() / "fifo", 1)) << "a FIFO reads as no file, at once";
+}
+
+// ---- User sessions and desktop commands -----------------------------------------------
+
+std::string Block(const std::vector<std::string>& variables) {
+  std::string block;
+  for (const std::string& v : variables) block += v + std::string(1, '\0');
+  return block;
+}
+
+TEST(UserSession, HelpersDisplaysAndCommandLines) {
+  ServiceFolder folder("[QS]\nLogLevel=14\n");
+  const std::string output = folder.dir() / "args.txt", helper = folder.dir() / "helper.sh";
+  WriteFile(helper, "#!/bin/sh\nfor a in \"$0\" \"$@\"; do printf '%s\\n' \"$a\"; done > '" + output + "'\n");
+  chmod(helper.c_str(), 0755);
+  SetModulePath("/usr/lib/qs/libkxp.so");
+  // The helper gets the fixed argument list; a child whose exec failed
+  // returns false to its caller.
+  for (const std::string& application : {helper, folder.dir() / "missing"}) {
+    std::string app = application, line = "two words";
+    const pid_t parent = getpid();
+    const bool started = CreateProcessAsCurrentLogonUser(&app[0], &line[0]);
+    if (getpid() != parent) _exit(started ? 30 : 40);
+    int status = 0;
+    const std::string log = folder.ServiceLog();
+    const size_t at = log.rfind("CreateProcessAsCurrentLogonUser return: ");
+    waitpid(static_cast<pid_t>(strtol(log.c_str() + at + 40, nullptr, 10)), &status, 0);
+    EXPECT_EQ(application == helper ? 0 : 40, WEXITSTATUS(status));
+  }
+  EXPECT_EQ(helper + "\nscan\ntwo words\n1\n1\n0\n/usr/lib/qs/libkxp.so\n", ReadWholeFile(output));
+  EXPECT_NE(std::string::npos, folder.ServiceLog().find("execve failed: Something wrong with child ! GetLastError = "));
+
+  using user_session_internal::DisplayFromEnvironment;
+  EXPECT_EQ("a=b", DisplayFromEnvironment(Block({"A=1", "DISPLAY=a=b", "XDISPLAY=:5"})));
+  EXPECT_EQ(":2", DisplayFromEnvironment(Block({"DISPLAY=:1", "DISPLAY=:2\nrest"}))) << "the last one wins";
+  EXPECT_EQ(std::string(2551, 'x'), DisplayFromEnvironment(Block({"DISPLAY=" + std::string(3000, 'x')})))
+      << "lines of at most 2,559 bytes";
+  // A value with shell characters is written verbatim and runs nothing.
+  const std::string value = "$(touch " + folder.dir() / "X" + ");`touch " + folder.dir() / "Y" + "`";
+  mkdir((folder.dir() / "9").c_str(), 0755);
+  WriteFile(folder.dir() / "9/environ", Block({"HOME=/", "DISPLAY=" + value}));
+  WriteFile(folder.dir() / "9/status", "Name:\tb\nUid:\t1000\t1001\t1002\t1003\n");
+  EXPECT_EQ(value, user_session_internal::WriteDisplayOfProcess(9, folder.dir().path(), folder.dir() / "D.log"));
+  EXPECT_EQ(value + "\n", ReadWholeFile(folder.dir() / "D.log"));
+  EXPECT_EQ("1000", user_session_internal::UidOfProcess(9, folder.dir().path()));
+  EXPECT_FALSE(PathExists(folder.dir() / "X") || PathExists(folder.dir() / "Y"));
+
+  g_work_path = "/opt/s/";
+  EXPECT_EQ("/opt/s/folivant_dialog 1 my scan.pdf", GetLinuxSaveFileDialogCmd("my scan.pdf"));
+  EXPECT_EQ("/opt/s/folivant_dialog 3 10 20 \"a b\"", GetLinuxSecurityDialogCmd(10, 20, "a b"));
+  EXPECT_EQ("/opt/s/DebInstallCertCheck&", GetDebInstallCertCheckCmd());
+  EXPECT_EQ("/opt/s/linuxFVT" + std::to_string(getpid()) + ".bmp", GetBmpTempFilePath());
+  EXPECT_EQ("netstat -aopn | grep -v QuintarisS | grep 127.0.0.1:18625 | awk -F' ' {'print $7'}",
+            user_session_internal::PeerLookupCommand(18625));
+  const std::string prefix = "/opt/s/folivant_dialog 3 1 2 \"";
+  EXPECT_EQ(prefix + std::string(511 - prefix.size(), 'q'), GetLinuxSecurityDialogCmd(1, 2, std::string(600, 'q').c_str()))
+      << "cut to 511 characters, closing quote and all";
+  g_work_path = folder.dir().path() + "/";
+  // The converter gets the PNM name as one argument, no shell.
+  WriteFile(folder.dir() / "pnm2bmp", "#!/bin/sh\nprintf 'args=%d first=%s' \"$#\" \"$1\"\n");
+  chmod((folder.dir() / "pnm2bmp").c_str(), 0755);
+  const std::string pnm = folder.dir() / "in put $(touch M1).pnm";
+  TransformPnm2Bmp(pnm.c_str(), (folder.dir() / "out.bmp").c_str());
+  EXPECT_EQ("args=1 first=" + pnm, ReadWholeFile(folder.dir() / "out.bmp"));
+
+  const std::pair<const char*, const char*> origins[] = {
+      {"HTTPS://Host:8080/path?x", "HTTPS://Host:8080"}, {"http://example.com./x", "http://example.com"},
+      // The whole origin is split at dots: the scheme is encoded with the first label.
+      {"https://b\xC3\xBC" "cher.example:8443/x", "xn--https://bcher-4ob.example:8443"},
+      {"nUlL", "nUlL"}, {"ftp://a/b", ""}, {"http://a..b/", ""}, {"ftp://x/?next=http://y", "ftp://x"}};
+  for (const auto& [url, origin] : origins) EXPECT_EQ(origin, GetFullDomain(url)) << url;
+  std::string sid = "S-1";
+  unsigned int session = 7;
+  GetUserInfo(5, sid, session);
+  EXPECT_EQ("0", sid + std::to_string(session)) << "no SID and session 0 on this platform";
+}
+
+}  // namespace
