@@ -1,9 +1,15 @@
-// The command document: its queries, the parser's limits and the result
-// documents, compared byte for byte.
+// The command document: queries, the reader's limits, result documents byte
+// for byte (against the dependency's reference writer too), and a thin table
+// of the converters and URL builders. That nothing throws on any text is the
+// JSON fuzz target's property.
 #include "json_command/json_command.h"
 
+#include <json/reader.h>
+#include <json/writer.h>
 #include <gtest/gtest.h>
 
+#include <limits>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,182 +18,181 @@ namespace {
 
 std::string NestedArrays(size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); }
 
-TEST(JsonCommandQueries, CommandTypeFunctionNameAndPropertyType) {
-  const struct {
-    const char* text;
-    int commandType;
-    const char* functionName;
-    const char* propertyType;
-  } cases[] = {
-      // The first of the keys in byte order decides.
-      {"{\"method\":\"A\",\"event\":\"B\"}", 2, "B", ""},
-      {"{\"method\":\"A\",\"property\":\"P\"}", 0, "A", "get"},
-      {"{\"property\":\"P\"}", 1, "P", "get"},
-      {"{\"property\":\"P\",\"parameter\":[1]}", 1, "P", "set"},
-      {"{\"property\":\"P\",\"parameter\":null}", 1, "P", "set"},
-      // Names are member texts as the dependency converts them.
-      {"{\"method\":5}", 0, "5", ""},
-      {"{\"method\":[\"A\"]}", 0, "", ""},
-      // Keys match exactly; valid JSON that is not an object has no members.
-      {"{\"Method\":\"A\",\"EVENT\":\"B\"}", 3, "", ""},
-      {"[\"method\",\"A\"]", 3, "", ""},
+TEST(JsonCommand, QueriesTypesAndIdentity) {
+  const struct { const char* text; int type; const char* name; const char* property; } kinds[] = {
+      {"{\"method\":\"A\",\"event\":\"B\"}", 2, "B", ""},  // the first of the keys in byte order decides
+      {"{\"method\":\"A\",\"property\":\"P\"}", 0, "A", "get"}, {"{\"property\":\"P\"}", 1, "P", "get"},
+      {"{\"property\":\"P\",\"parameter\":null}", 1, "P", "set"}, {"{\"method\":5}", 0, "5", ""},
+      {"{\"method\":[\"A\"]}", 0, "", ""}, {"{\"Method\":\"A\"}", 3, "", ""}, {"[\"method\",\"A\"]", 3, "", ""},
   };
-  for (const auto& c : cases) {
-    JsonCommand command(c.text);
-    EXPECT_EQ(c.commandType, command.GetCommandType()) << c.text;
-    EXPECT_EQ(c.functionName, command.GetFunctionName()) << c.text;
-    EXPECT_EQ(c.propertyType, command.GetPropertyType()) << c.text;
+  for (const auto& k : kinds) {
+    JsonCommand command(k.text);
+    EXPECT_EQ(k.type, command.GetCommandType()) << k.text;
+    EXPECT_EQ(k.name, command.GetFunctionName()) << k.text;
+    EXPECT_EQ(k.property, command.GetPropertyType()) << k.text;
   }
-}
-
-TEST(JsonCommandQueries, ParametersTypesAndCopies) {
-  JsonCommand command(
-      "{\"parameter\":[null, true, -1, 1.5, \"s\", [], {\"a\":\"x\"}, 2147483647, 2147483648, 2.0,"
-      " 18446744073709551615, 18446744073709551616]}");
-  ASSERT_EQ(12, command.GetParameterCount());
-  const int expected[] = {0, 1, 3, 5, 6, 7, 8, 3, 4, 5, 4, 5};
-  for (int i = 0; i < 12; ++i) EXPECT_EQ(expected[i], command.GetParameterType(i)) << i;
-  EXPECT_EQ(9, command.GetParameterType(12));
-  EXPECT_EQ(9, command.GetParameterType(-1));
-  EXPECT_EQ(nullptr, command.GetParameter(12));
-  EXPECT_EQ(nullptr, command.GetParameter(-1));
-  // A null parameter is a parameter; each one is a copy of its own.
-  std::unique_ptr<Json::Value> first(command.GetParameter(0)), object(command.GetParameter(6));
-  ASSERT_TRUE(first != nullptr && object != nullptr);
-  EXPECT_TRUE(first->isNull());
+  // Type codes from the stored kind: 2^31 is unsigned, 2.0 real, 2^64 real.
+  JsonCommand params("{\"id\":7,\"cmdId\":\"42\",\"version\":[\"1\"],\"parameter\":[null, true, -1, 1.5, \"s\", [],"
+                     " {\"a\":\"x\"}, 2147483648, 2.0, 18446744073709551616]}");
+  std::string types;
+  for (int i = -1; i <= 10; ++i) types += std::to_string(params.GetParameterType(i));
+  EXPECT_EQ("901356784559", types);
+  EXPECT_EQ("7|42|", params.GetClientID() + "|" + params.GetCmdId() + "|" + params.GetVersion());
+  std::unique_ptr<Json::Value> object(params.GetParameter(6));
   (*object)["a"] = "changed";
-  EXPECT_EQ("x", (*std::unique_ptr<Json::Value>(command.GetParameter(6)))["a"].asString());
-  EXPECT_EQ(12u, std::unique_ptr<Json::Value>(command.GetJsonValue("parameter"))->size());
-
-  // Only an array holds parameters.
-  for (const char* text : {"{\"parameter\":{\"a\":1,\"b\":2}}", "{\"parameter\":\"ab\"}", "{\"method\":\"M\"}"}) {
-    JsonCommand other(text);
-    EXPECT_EQ(0, other.GetParameterCount()) << text;
-    EXPECT_EQ(9, other.GetParameterType(0)) << text;
-  }
+  EXPECT_EQ("x", (*std::unique_ptr<Json::Value>(params.GetParameter(6)))["a"].asString()) << "copies";
+  EXPECT_EQ(0, JsonCommand("{\"parameter\":{\"a\":1}}").GetParameterCount()) << "only an array holds parameters";
+  JsonCommand texts("{\"u\":3000000000,\"w\":2.0,\"t\":0.1,\"b\":false,\"a\":[1],\"a\\u0000b\":\"v\\u0000w\"}");
+  EXPECT_EQ("3000000000|2.0|0.10000000000000001|false|", texts.GetValue("u") + "|" + texts.GetValue("w") + "|" +
+                                                             texts.GetValue("t") + "|" + texts.GetValue("b") + "|" +
+                                                             texts.GetValue("a"));
+  EXPECT_EQ(std::string("v\0w", 3), texts.GetValue(std::string("a\0b", 3)));
+  EXPECT_FALSE(JsonCommand("{\"a\\u0000b\":1}").IfKeyExist("a")) << "a key with a 0 byte matches only in full";
+  EXPECT_EQ("2", JsonCommand("{\"id\":\"1\",\"id\":\"2\"} trailing {").GetClientID());
 }
 
-TEST(JsonCommandQueries, IdentifiersAndMemberTexts) {
-  JsonCommand command;
-  ASSERT_TRUE(command.SetJsonString(
-      "{\"id\":\"c1\",\"cmdId\":\"42\",\"version\":\"14.3\",\"u\":3000000000,\"w\":2.0,\"t\":0.1,\"b\":false,"
-      "\"z\":null,\"a\":[1],\"\":\"e\"}"));
-  EXPECT_EQ("c1|42|14.3", command.GetClientID() + "|" + command.GetCmdId() + "|" + command.GetVersion());
-  std::string texts;
-  for (const char* key : {"u", "w", "t", "b", "z", "a", "missing"}) texts += command.GetValue(key) + "|";
-  EXPECT_EQ("3000000000|2.0|0.10000000000000001|false||||", texts);
-  EXPECT_EQ(nullptr, command.GetJsonValue("missing"));
-  EXPECT_TRUE(command.IfKeyExist("z") && command.IfKeyExist(""));
-  EXPECT_FALSE(command.IfKeyExist("ID") || command.IfKeyExist("i"));
-
-  JsonCommand numeric("{\"id\":7,\"cmdId\":-1,\"version\":[\"1\"]}");
-  EXPECT_EQ("7|-1|", numeric.GetClientID() + "|" + numeric.GetCmdId() + "|" + numeric.GetVersion());
-  // A key holding a NUL byte matches only in full.
-  JsonCommand nul("{\"a\\u0000b\":\"v\\u0000w\"}");
-  EXPECT_FALSE(nul.IfKeyExist("a"));
-  EXPECT_EQ(std::string("v\0w", 3), nul.GetValue(std::string("a\0b", 3)));
-}
-
-TEST(JsonCommandQueries, ReaderSemantics) {
-  // The last duplicate key wins, text after the value is ignored and comments
-  // are skipped.
-  EXPECT_EQ("2", JsonCommand("{\"id\":\"1\",\"id\":\"2\"}").GetClientID());
-  EXPECT_EQ("1", JsonCommand("{\"id\":\"1\"} trailing text {").GetClientID());
-  JsonCommand commented("/* head */ {\"id\":\"1\", // note\n \"parameter\":[5 /* five */]}");
-  EXPECT_EQ("5\n", JsonCommand::StyledText(*std::unique_ptr<Json::Value>(commented.GetParameter(0))));
-  // A document is valid again after an invalid one, and invalid after a valid one.
-  JsonCommand reused("{");
-  EXPECT_TRUE(reused.SetJsonString("{\"method\":\"M\"}"));
-  EXPECT_EQ("M", reused.GetFunctionName());
-  EXPECT_FALSE(reused.SetJsonString("{\"method\":"));
-  EXPECT_EQ("", reused.GetFunctionName());
-}
-
-// Every query of a document that is not valid answers its absent value.
-void ExpectAbsent(const std::string& text) {
-  JsonCommand command;
-  EXPECT_FALSE(command.SetJsonString(text)) << text.substr(0, 80);
-  EXPECT_FALSE(command.IfKeyExist("id") || command.IfKeyExist("method"));
-  EXPECT_EQ("", command.GetValue("id") + command.GetCmdId() + command.GetClientID() + command.GetVersion() +
-                    command.GetPropertyType() + command.GetFunctionName());
-  EXPECT_EQ(nullptr, command.GetJsonValue("parameter"));
-  EXPECT_EQ(0, command.GetParameterCount());
-  EXPECT_EQ(9, command.GetParameterType(0));
-  EXPECT_EQ(nullptr, command.GetParameter(0));
-  EXPECT_EQ(3, command.GetCommandType());
-}
-
-TEST(JsonCommandInvalid, EveryQueryAnswersAbsent) {
-  EXPECT_EQ(3, JsonCommand().GetCommandType());
-  for (const char* text : {"", "{", "{\"id\":\"1\",}", "{'id':'1'}", "tru", "{\"id\":\"\\ud800\"}", "1e999", "NaN"}) {
-    ExpectAbsent(text);
-  }
-  // The reader fills part of the document before it finds the error; none of
-  // that may show through.
-  ExpectAbsent("{\"id\":\"1\",\"cmdId\":\"2\",\"version\":\"3\",\"method\":\"M\",\"parameter\":[1,2,]}");
-}
-
-TEST(JsonCommandInvalid, NestingLimitOfTheReader) {
-  // 1,000 levels, the command object included, are accepted.
+// A text the reader refuses, or throws on, is an invalid command: every query
+// answers its absent value, whatever the reader filled in before it stopped.
+TEST(JsonCommand, InvalidTextsAnswerAbsentValues) {
   JsonCommand deepest("{\"id\":\"1\",\"method\":\"M\",\"parameter\":[" + NestedArrays(998) + "]}");
-  ASSERT_EQ(1, deepest.GetParameterCount());
-  std::unique_ptr<Json::Value> parameter(deepest.GetParameter(0));
-  int depth = 1;
-  for (const Json::Value* level = parameter.get(); level->isArray() && level->size() == 1; level = &(*level)[0u]) {
-    ++depth;
-  }
-  EXPECT_EQ(998, depth);
-  // One more level makes the reader throw; that is an invalid command.
-  ExpectAbsent("{\"id\":\"1\",\"method\":\"M\",\"parameter\":[" + NestedArrays(999) + "]}");
-  ExpectAbsent(NestedArrays(100000));
-  ExpectAbsent(std::string(100000, '['));
+  EXPECT_EQ(1, deepest.GetParameterCount()) << "1,000 levels are accepted";
   std::string objects;
   for (int i = 0; i < 100000; ++i) objects += "{\"a\":";
-  ExpectAbsent(objects + "1" + std::string(100000, '}'));
+  const std::string rows[] = {"", "{", "{\"id\":\"1\",}", "{'id':'1'}", "{\"id\":\"\\ud800\"}", "1e999",
+                              "{\"id\":\"1\",\"method\":\"M\",\"parameter\":[1,2,]}",
+                              "{\"id\":\"1\",\"method\":\"M\",\"parameter\":[" + NestedArrays(999) + "]}",
+                              NestedArrays(100000), std::string(100000, '['), objects + "1" + std::string(100000, '}')};
+  for (const std::string& text : rows) {
+    JsonCommand command;
+    EXPECT_FALSE(command.SetJsonString(text)) << text.substr(0, 60);
+    EXPECT_EQ("|3|0|9", command.GetClientID() + command.GetFunctionName() + command.GetVersion() + "|" +
+                            std::to_string(command.GetCommandType()) + "|" +
+                            std::to_string(command.GetParameterCount()) + "|" +
+                            std::to_string(command.GetParameterType(0)))
+        << text.substr(0, 60);
+    EXPECT_EQ(nullptr, command.GetJsonValue("parameter"));
+  }
+  std::string huge = "{\"method\":\"M\",\"parameter\":[";
+  for (int i = 0; i < 100000; ++i) huge += "7,";
+  huge += "\"" + std::string(8 << 20, 'x') + "\"]}";
+  EXPECT_EQ(100001, JsonCommand(huge).GetParameterCount()) << "no size limit";
 }
 
-TEST(JsonCommandInvalid, HugeDocumentsHaveNoSizeLimit) {
-  std::string text = "{\"method\":\"M\",\"parameter\":[";
-  for (int i = 0; i < 1000000; ++i) text += "7,";
-  text += "\"" + std::string(8 << 20, 'x') + "\"]}";
-  EXPECT_EQ(1000001, JsonCommand(text).GetParameterCount());
-  ExpectAbsent(text.substr(0, text.size() - 2));
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+std::string Reference(const Json::Value& value) {
+  Json::StyledWriter writer;
+  return writer.write(value);
 }
+Json::Value Parsed(const std::string& text) {
+  Json::Value value;
+  Json::Reader().parse(text, value, true);
+  return value;
+}
+#pragma GCC diagnostic pop
 
-TEST(JsonCommandEncode, ShortForm) {
-  std::vector<Json::Value*> none;
-  EXPECT_EQ("{\n   \"id\" : \"1\",\n   \"method\" : \"M\"\n}\n", JsonCommand::Encode("1", "M", none, false, 0, "x"));
-  Json::Value five(5);
-  std::vector<Json::Value*> one = {&five};
-  EXPECT_EQ(
-      "{\n   \"description\" : \"bad\",\n   \"event\" : \"M\",\n   \"exception\" : -2,\n   \"id\" : \"1\",\n"
-      "   \"result\" : [ 5 ]\n}\n",
-      JsonCommand::Encode("1", "M", one, true, -2, "bad"));
-  // Values in order, escaped, a null pointer as null; the values are copied.
+TEST(ResultDocuments, BothFormsByteForByte) {
   Json::Value text("a\"b\\c\n\x01/\xc3\xa9"), object(Json::objectValue);
   object["k"] = 1;
-  std::vector<Json::Value*> values = {&text, nullptr, &object};
-  EXPECT_EQ(
-      "{\n   \"id\" : \"i\\\"d\",\n   \"method\" : \"M\",\n   \"result\" : [\n"
-      "      \"a\\\"b\\\\c\\n\\u0001/\\u00e9\",\n      null,\n      {\n         \"k\" : 1\n      }\n   ]\n}\n",
-      JsonCommand::Encode("i\"d", "M", values, false, 0, ""));
+  std::vector<Json::Value*> values = {&text, nullptr, &object}, none;
+  EXPECT_EQ("{\n   \"id\" : \"i\\\"d\",\n   \"method\" : \"M\",\n   \"result\" : [\n"
+            "      \"a\\\"b\\\\c\\n\\u0001/\\u00e9\",\n      null,\n      {\n         \"k\" : 1\n      }\n   ]\n}\n",
+            JsonCommand::Encode("i\"d", "M", values, false, 0, "ignored for code 0"));
+  EXPECT_EQ("{\n   \"description\" : \"bad\",\n   \"event\" : \"M\",\n   \"exception\" : -2,\n   \"id\" : \"1\"\n}\n",
+            JsonCommand::Encode("1", "M", none, true, -2, "bad"));
+  EXPECT_EQ("{\n   \"description\" : \"Successful\",\n   \"exception\" : 0,\n   \"method\" : \"M\",\n"
+            "   \"object\" : \"O\",\n   \"session\" : \"S\"\n}\n",
+            JsonCommand::Encode("S", "O", "M", none, false, 0, "ignored"));
+  EXPECT_EQ("{\n   \"id\" : \"0\",\n   \"method\" : \"GetFile\",\n   \"parameter\" : [ \"C:\\\\d.txt\" ]\n}\n",
+            JsonCommand::GetDiskFileJson("C:\\d.txt"));
 }
 
-TEST(JsonCommandEncode, SessionFormAndDiskFileCommand) {
-  Json::Value value("v");
-  std::vector<Json::Value*> values = {&value}, none;
-  EXPECT_EQ(
-      "{\n   \"description\" : \"Successful\",\n   \"exception\" : 0,\n   \"method\" : \"M\",\n"
-      "   \"object\" : \"O\",\n   \"result\" : [ \"v\" ],\n   \"session\" : \"S\"\n}\n",
-      JsonCommand::Encode("S", "O", "M", values, false, 0, "ignored"));
-  EXPECT_EQ(
-      "{\n   \"description\" : \"failed\",\n   \"event\" : \"E\",\n   \"exception\" : -2200,\n"
-      "   \"object\" : \"\",\n   \"session\" : \"\"\n}\n",
-      JsonCommand::Encode("", "", "E", none, true, -2200, "failed"));
-  EXPECT_EQ(
-      "{\n   \"id\" : \"0\",\n   \"method\" : \"GetFile\",\n"
-      "   \"parameter\" : [ \"C:\\\\d\\\\\\\"q\\\".txt\" ]\n}\n",
-      JsonCommand::GetDiskFileJson("C:\\d\\\"q\".txt"));
+// The module writes the styled layout with a writer of its own; every row
+// must come out as the dependency's reference writer writes it, alone, as a
+// member, as array elements and as a result value.
+TEST(ResultDocuments, StyledTextIsTheReferenceWritersText) {
+  Json::Value nulKey(Json::objectValue);
+  nulKey[std::string("a\0b", 3)] = 1;
+  const Json::Value rows[] = {
+      Json::Value(), Json::Value(std::numeric_limits<Json::Int64>::min()),
+      Json::Value(std::numeric_limits<Json::UInt64>::max()), Json::Value(0.1), Json::Value(-0.0), Json::Value(1e300),
+      Json::Value(true), Json::Value(""), Json::Value("quote \" backslash \\ slash /"),
+      Json::Value("tab\tline\nfeed\x01\x1f del\x7f"), Json::Value("\xc3\xa9t\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"),
+      Json::Value("bad \xff\xfe utf-8 \xc3"), Json::Value(std::string("zero\0byte", 9)),
+      // The one-line rule: under 74 characters, fewer than 25 elements, no
+      // non-empty array or object inside.
+      Parsed("[\"" + std::string(31, 'x') + "\", \"" + std::string(31, 'x') + "\"]"),
+      Parsed("[\"" + std::string(32, 'x') + "\", \"" + std::string(32, 'x') + "\"]"),
+      Parsed("[1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1]"),
+      Parsed("[1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1,1]"), Parsed("[[], {}, 1]"), Parsed("[[1], 2]"),
+      Parsed("{\"b\":[1,{\"c\":[]}],\"a\":{\"z\":null,\"y\":[\"q\"]},\"\":0,\"\\u00e9\":1}"),
+      Parsed("// before\n{\"a\":1 // after\n}"), Parsed("[1, /* inner */ 2]"), nulKey,
+  };
+  for (const Json::Value& row : rows) {
+    Json::Value wrapped(Json::objectValue);
+    wrapped["v"] = row;
+    wrapped["list"].append(row);
+    wrapped["list"].append(row);
+    EXPECT_EQ(Reference(row), JsonCommand::StyledText(row));
+    EXPECT_EQ(Reference(wrapped), JsonCommand::StyledText(wrapped));
+    Json::Value value = row;
+    std::vector<Json::Value*> values = {&value, nullptr};
+    Json::Value document(Json::objectValue);
+    document["id"] = "i";
+    document["exception"] = -5;
+    document["description"] = "d";
+    document["method"] = "M";
+    document["result"].append(row);
+    document["result"].append(Json::Value());
+    EXPECT_EQ(Reference(document), JsonCommand::Encode("i", "M", values, false, -5, "d"));
+    EXPECT_EQ(Reference(row), Reference(value)) << "the value is given back unchanged";
+  }
+}
+
+Json::Value Parse(const char* text) { return Parsed(text); }
+
+// The converters nothing in the module calls: one row per behaviour a
+// handler would rely on.
+TEST(Converters, ThinTable) {
+  const struct { const char* json; int one; bool twoOk; int two; } ints[] = {
+      {"\"12abc\"", 12, true, 12}, {"\"abc\"", 0, false, -1}, {"true", 1, false, -1}, {"-2.9", -2, true, -2},
+      {"3000000000", -1294967296, true, -1294967296}, {"\"00\"", 0, false, -1}, {"\"0\"", 0, true, 0}};
+  for (const auto& row : ints) {
+    Json::Value value = Parse(row.json);
+    int out = 77;
+    EXPECT_EQ(row.one, JsonCommand::ConvertInt(&value)) << row.json;
+    EXPECT_EQ(row.twoOk, JsonCommand::ConvertInt(&value, &out)) << row.json;
+    EXPECT_EQ(row.two, out) << row.json;
+  }
+  Json::Value text = Parse("\"TRUE\""), real = Parse("1.5"), array = Parse("[1, \"2\", true]"), nul = Parse("null");
+  signed char flag = 7;
+  EXPECT_TRUE(JsonCommand::ConvertBOOL(&text, &flag));
+  EXPECT_EQ(7, flag) << "for text only the result carries the answer";
+  EXPECT_EQ("1.500000|NULL", JsonCommand::ConvertString(&real) + "|" + JsonCommand::ConvertString(&nul));
+  EXPECT_EQ(std::numeric_limits<long long>::max(), JsonCommand::ConvertInt64(&(real = Parse("18446744073709551615"))));
+  int* numbers = nullptr;
+  int count = 0;
+  EXPECT_FALSE(JsonCommand::ConvertIntArray(&array, &numbers, &count)) << "stops at the boolean";
+  EXPECT_EQ(3, count);
+  EXPECT_EQ(2, numbers[1]);
+  delete[] numbers;
+  std::map<std::string, Json::Value*> members;
+  EXPECT_FALSE(JsonCommand::ConvertObject(&array, &members));
+}
+
+TEST(UrlCommands, ThinTable) {
+  EXPECT_EQ((std::map<std::string, std::string>{{"a", "1"}, {"id", "%41"}, {"k", "v=w"}}),
+            JsonCommand::GetURLParamters("&a=1&&id=%41&id=2&k=v=w&flag"))
+      << "the first occurrence wins, nothing is decoded, only the first '=' splits";
+  const std::string image = "{\n   \"id\" : \"5\",\n   \"method\" : \"GetImageByIndex\"";
+  EXPECT_EQ(image + ",\n   \"parameter\" : [ -3, false ]\n}\n", JsonCommand::EncodeURL("thumbnail=TRUE&index=-3x&id=5"));
+  EXPECT_EQ("", JsonCommand::EncodeURL("id=5&index=2"));
+  EXPECT_EQ(image + ",\n   \"parameter\" : [ 1, 640, 480, 2, 0 ]\n}\n",
+            JsonCommand::ParseURL("webcam=x&act=2&height=480&width=640&index=1&id=5"));
+  EXPECT_EQ(image + ",\n   \"parameter\" : [ 5 ]\n}\n", JsonCommand::ParseURL("id=5&index=&act=5"))
+      << "positional: an empty value leaves no gap";
+  EXPECT_EQ("{\"id\":\"a\"b\",\"method\":\"M\",\"parameter\":not json}", JsonCommand::EncodeFun("M", "id=a\"b&p=not json"));
+  EXPECT_EQ("", JsonCommand::EncodeFun("Scan", "p=[1]"));
 }
 
 }  // namespace
