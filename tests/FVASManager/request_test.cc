@@ -1,0 +1,182 @@
+// The request object (what it takes from the command, the documents its
+// builders store, exactly what goes back to the host) and the command table's
+// own helpers.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "FVASManager/ManagerClient.h"
+#include "FVASManager/http_param_request.h"
+#include "json_command/json_command.h"
+
+namespace {
+
+// What reached the host through the test's wrapper.
+struct Delivery {
+  int calls = 0, connection = 0;
+  std::string text, data;
+  bool hasData = false, hasExtra = false;
+  signed char answer = 1;
+} g_delivery;
+
+signed char HostCallback(int, void*, char const*, void const*, unsigned int, char const*) { return g_delivery.answer; }
+signed char TestWrapper(SendBackCallback callback, int connection, void* handle, char const* text, void const* data,
+                        unsigned int dataLen, char const* extra) {
+  ++g_delivery.calls;
+  g_delivery.connection = connection;
+  g_delivery.text = text;
+  g_delivery.hasData = data != nullptr;
+  g_delivery.data = data != nullptr ? std::string(static_cast<const char*>(data), dataLen) : "";
+  g_delivery.hasExtra = extra != nullptr;
+  return callback(connection, handle, text, data, dataLen, extra);
+}
+
+const char kPortsCommand[] = "{\"id\":\"c1\",\"cmdId\":\"7\",\"method\":\"GetPorts\",\"parameter\":[\"key\"]}";
+
+using Request = std::unique_ptr<HttpParamRequest>;
+Request MakeRequest(const std::string& cmd, SendBackCallback callback = HostCallback, int connection = 5,
+                    SendBackWrapper wrapper = TestWrapper) {
+  g_delivery = Delivery();
+  return std::make_unique<HttpParamRequest>(connection, nullptr, cmd, 2, 77, "example.test", wrapper, callback, nullptr,
+                                            nullptr, nullptr, nullptr, 0, true);
+}
+
+TEST(HttpParamRequest, IdentityFromTheCommandAndUnusableCommands) {
+  unsigned char* body = new unsigned char[4]{1, 2, 3, 4};
+  HttpParamRequest request(3, nullptr, "{\"id\":\"c1\",\"cmdId\":\"7\",\"version\":\"14.3\",\"property\":\"P\","
+                                       "\"parameter\":[\"key\", 5]}",
+                           9, 77, "example.test", TestWrapper, HostCallback, nullptr, nullptr, nullptr, body, 4, true);
+  EXPECT_EQ("c1|7|14.3|P|1|2|9|77", request.GetClientId() + "|" + request.GetCmdId() + "|" + request.GetVersion() +
+                                        "|" + request.GetFunName() + "|" + std::to_string(request.GetCommandType()) +
+                                        "|" + std::to_string(request.GetParamCount()) + "|" +
+                                        std::to_string(request.GetBowserType()) + "|" +
+                                        std::to_string(request.GetSocket()));
+  EXPECT_EQ(body, request.GetHttpParamResponse()->GetData());
+  const unsigned int received = request.GetRecTime();
+  EXPECT_EQ(received, request.GetLastTime()) << "the first call returns the receive tick";
+  // Commands the parser refuses or throws on: no identity, no parameters, and
+  // still answered.
+  for (const std::string& cmd : {std::string(100000, '[') + std::string(100000, ']'), std::string("{\"id\":\"1\"")}) {
+    Request unusable = MakeRequest(cmd);
+    EXPECT_EQ("", unusable->GetClientId() + unusable->GetCmdId() + unusable->GetFunName());
+    EXPECT_EQ(3, unusable->GetCommandType());
+    unusable->GetResultStruct<bool>(false, nullptr, 0, -2200, "Function not found");
+    EXPECT_EQ(1, unusable->SendBackResult());
+    EXPECT_EQ("{\n   \"description\" : \"Function not found\",\n   \"exception\" : -2200,\n   \"id\" : \"\",\n"
+              "   \"method\" : \"\",\n   \"result\" : [ false ],\n\t\"cmdId\" : \"\"\n}\n",
+              g_delivery.text);
+  }
+}
+
+// Every builder stores its document when it is called (values accumulate on
+// the stack); a value put on the stack without a build does not reach it.
+TEST(HttpParamRequest, EachBuildStoresItsDocumentAtOnce) {
+  Request request = MakeRequest("{\"id\":\"c2\",\"method\":\"V\"}");
+  HttpParamResponse* response = request->GetHttpParamResponse();
+  const std::string head = "{\n   \"id\" : \"c2\",\n   \"method\" : \"V\",\n   \"result\" : [ ";
+  std::string json = "\"j\"", bad = "{\"a\":";
+  const std::pair<std::function<void()>, std::string> builds[] = {
+      {[&] { request->GetStringResultStruct("a", nullptr, 0, 0, ""); }, "\"a\""},
+      {[&] { request->GetResultStruct(0x100000007L, nullptr, 0, 0, ""); }, "\"a\", 7"},
+      {[&] { request->GetBOOLResultStruct(2, nullptr, 0, 0, ""); }, "\"a\", 7, true"},
+      {[&] { request->AddStringResultParam("b", false, 0, "ignored for code 0"); }, "\"a\", 7, true, \"b\""},
+      {[&] { EXPECT_FALSE(request->AddJsonStringResultParam(bad, true, -1, "x")); }, "\"a\", 7, true, \"b\""},
+      {[&] { EXPECT_TRUE(request->AddJsonStringResultParam(json, false, 0, "")); }, "\"a\", 7, true, \"b\", \"j\""},
+  };
+  for (const auto& build : builds) {
+    build.first();
+    request->GetParamStack()->push_back(new Json::Value("unbuilt"));
+    EXPECT_EQ(head + build.second + " ]\n}\n", response->GetJsonResult());
+    delete request->GetParamStack()->back();
+    request->GetParamStack()->pop_back();
+  }
+  // A description with code 0 travels as two values: the text and the module.
+  request = MakeRequest(kPortsCommand);
+  request->GetResultStruct<int>(6, nullptr, 0, 0, "ok");
+  EXPECT_NE(std::string::npos, request->GetHttpParamResponse()->GetJsonResult().find(
+                                   "[ \"key\", 6, \"ok\", \"Quintaris Service Manager Module\" ]"));
+  request = MakeRequest(kPortsCommand);
+  request->GetResultStruct<bool>(true, nullptr, 0, -3, "bad");
+  request->AddResultParam<std::string>("two", true, -9, "why");
+  EXPECT_EQ("{\n   \"description\" : \"why\",\n   \"event\" : \"GetPorts\",\n   \"exception\" : -9,\n"
+            "   \"id\" : \"c1\",\n   \"result\" : [ \"key\", true, \"two\" ]\n}\n",
+            request->GetHttpParamResponse()->GetJsonResult());
+  request->GetResultStructByJsonString("{}");
+  EXPECT_EQ("{}", request->GetHttpParamResponse()->GetJsonResult());
+}
+
+TEST(HttpParamRequest, SendBackInsertsTheCmdIdAndConsumesTheData) {
+  const std::string member = ",\n\t\"cmdId\" : \"7\"\n";
+  const struct { std::string cmd, document, sent; } rows[] = {
+      {kPortsCommand, "{\n   \"id\" : \"1\"\n}\n", "{\n   \"id\" : \"1\"" + member + "}\n"},
+      {kPortsCommand, "no brace\n", "no brace\n"}, {kPortsCommand, "{\"a\":1}", "{\"a\":1}"},
+      {kPortsCommand, "x\n}{", "x" + member + "}{"},  // the last "}", the last newline before it
+      {kPortsCommand, "{\n}\n}\n", "{\n}" + member + "}\n"},
+      {"{\"id\":\"1\"}", "{\n}\n", "{,\n\t\"cmdId\" : \"\"\n}\n"},
+      {"{\"cmdId\":\"" + std::string(2000, 'i') + "\"}", "{\n}\n",  // cut at 1,023 bytes
+       "{,\n\t\"cmdId\" : \"" + std::string(1023 - 14, 'i') + "\n}\n"},
+  };
+  for (const auto& row : rows) {
+    Request request = MakeRequest(row.cmd);
+    request->GetResultStructByJsonString(row.document);
+    EXPECT_EQ(1, request->SendBackResult());
+    EXPECT_EQ(row.sent, g_delivery.text) << row.document;
+    EXPECT_EQ(row.document, request->GetHttpParamResponse()->GetJsonResult()) << "the stored document is unchanged";
+  }
+  Request request = MakeRequest(kPortsCommand);
+  request->GetResultStruct<bool>(true, reinterpret_cast<const unsigned char*>("xy"), 2, 0, "");
+  request->GetResultStruct<bool>(true, nullptr, 5, 0, "");
+  EXPECT_EQ(nullptr, request->GetResultData()) << "a later build drops the earlier data";
+  request->GetResultStruct<bool>(false, reinterpret_cast<const unsigned char*>("ab"), 2, 0, "");
+  g_delivery.answer = -2;
+  EXPECT_EQ(-2, request->SendBackResult()) << "the host's answer";
+  EXPECT_EQ("ab", g_delivery.data);
+  EXPECT_EQ(5, g_delivery.connection);
+  EXPECT_FALSE(g_delivery.hasExtra);
+  EXPECT_EQ(-2, request->SendBackResult());
+  EXPECT_FALSE(g_delivery.hasData) << "the data went with the first send";
+  // Without a callback, with connection 0 or without a wrapper nothing is sent.
+  Request refused[] = {MakeRequest(kPortsCommand, nullptr), MakeRequest(kPortsCommand, HostCallback, 0),
+                       MakeRequest(kPortsCommand, HostCallback, 5, nullptr)};
+  for (Request& r : refused) {
+    r->GetResultStruct<int>(1, reinterpret_cast<const unsigned char*>("d"), 1, 0, "");
+    EXPECT_EQ(0, r->SendBackResult());
+  }
+  EXPECT_NE(nullptr, refused[1]->GetResultData()) << "nothing was sent, so the data stays";
+  EXPECT_EQ(0, g_delivery.calls);
+}
+
+TEST(ManagerClient, HashesTablesAndPortMaps) {
+  EXPECT_EQ("0 97 3299 4294967295", std::to_string(GetHashCode("")) + " " + std::to_string(GetHashCode("a")) + " " +
+                                        std::to_string(GetHashCode("ab")) + " " + std::to_string(GetHashCode("\xff")))
+      << "h x 33 + the signed byte, from 0";
+  ManagerClient client;
+  EXPECT_EQ(3u, client.FunctionCount());
+  EXPECT_TRUE(client.HasFunction("VersionInfo") && client.HasFunction("QSVersion") && client.HasFunction("GetPorts"));
+  EXPECT_FALSE(client.HasFunction("LoadZipFromBytes") || client.HasFunction("CheckUpdateFile"));
+  ManagerClient::PortMap ports;
+  EXPECT_EQ("{}", ManagerClient::PortMapToJson(ports));
+  ports["kxp"] = {8080, 8443};
+  ports["fvt"] = {0, -1};
+  EXPECT_EQ(R"({"fvt":{"port":0,"sslPort":-1},"kxp":{"port":8080,"sslPort":8443}})", ManagerClient::PortMapToJson(ports));
+  std::string error;
+  EXPECT_TRUE(client.GetCurrentUserModulePorts("", error).empty());
+  EXPECT_EQ("User SID is empty.", error);
+  client.SetErrorInfo(-2405, std::string(3000, 'x').c_str());
+  EXPECT_EQ(1023u, std::string(client.GetErrorInfo()).size());
+  // Two VersionInfo calls from the same user give one key; an unknown key
+  // given to GetPorts is entered too.
+  for (const char* cmd : {R"({"id":"1","method":"VersionInfo"})", R"({"id":"1","method":"VersionInfo"})",
+                          R"({"id":"2","method":"GetPorts","parameter":["12345"]})"}) {
+    Request request = MakeRequest(cmd);
+    client.Function(request.get());
+  }
+  EXPECT_EQ(2u, client.UserKeyCount());
+  EXPECT_EQ(1u, client.UserCount());
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(client.Function(nullptr), "FVASManager/ManagerClient.*pParam != __null");
+}
+
+}  // namespace

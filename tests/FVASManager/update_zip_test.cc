@@ -1,0 +1,160 @@
+// The update package pipeline (behind -2200 for hosts, reached here through
+// ManagerClient directly) and ZIP extraction on archives written at test time
+// by tests/FVASManager/data/make_archives.py. The pipeline works in the
+// module's folder, so each of its scenarios runs in a folder of its own.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "FVASManager/Compress.h"
+#include "FVASManager/ManagerClient.h"
+#include "FVASManager/MiniUnzip.h"
+#include "FVASManager/http_param_request.h"
+#include "environment/configuration.h"
+#include "environment/program_info.h"
+#include "platform/process_flags.h"
+#include "tests/common/own_folder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using qs_test::ReadWholeFile;
+using qs_test::TempDir;
+using qs_test::WriteFile;
+
+std::string g_sent;
+signed char Capture(SendBackCallback, int, void*, char const* text, void const*, unsigned int, char const*) {
+  g_sent = text;
+  return 1;
+}
+signed char Host(int, void*, char const*, void const*, unsigned int, char const*) { return 1; }
+
+std::string Folder() { return std::string(getenv("QS_TEST_OWN_FOLDER")) + "/"; }
+
+std::string MakeArchives(const std::string& folder) {
+  EXPECT_EQ(0, system(("python3 " QS_SOURCE_DIR "/tests/FVASManager/data/make_archives.py " + folder).c_str()));
+  return folder + "/";
+}
+
+// Starts up in the test's own folder as the service process.
+void StartService(const std::string& configuration) {
+  WriteFile(Folder() + "QSConfiguration.ini", configuration);
+  SetIfServiceProcess(true);
+  InitProgramInfo(false);
+}
+
+// Runs one update command on a ManagerClient and returns the answer as sent.
+std::string Run(const std::string& cmd, const std::string& body = "") {
+  unsigned char* copy = body.empty() ? nullptr : new unsigned char[body.size()];
+  if (copy != nullptr) memcpy(copy, body.data(), body.size());
+  HttpParamRequest request(1, nullptr, cmd, 1, 3, "", Capture, Host, nullptr, nullptr, nullptr, copy,
+                           static_cast<long>(body.size()), true);
+  ManagerClient client;
+  if (cmd.find("CheckUpdateFile") != std::string::npos) {
+    client.CheckUpdateFile(&request);
+  } else {
+    client.LoadZipFromBytes(&request);
+  }
+  request.SendBackResult();
+  return g_sent;
+}
+
+bool CacheIsEmpty() { return !fs::exists(GetCachePath()) || fs::is_empty(GetCachePath()); }
+
+#define EXPECT_HAS(text, part) EXPECT_NE(std::string::npos, (text).find(part)) << (text)
+
+// The version check compares the 32-bit cut of the candidate's leading digits
+// with the installed version.
+TEST_IN_OWN_FOLDER(UpdatePipeline, VersionCheckUpdateFlagAndUploads) {
+  StartService("[QS]\nQSVersion=13,0,0,0404\n");
+  const std::string archives = MakeArchives(Folder() + "archives");
+  ManagerClient client;
+  const struct { const char* candidate; bool installed; } rows[] = {
+      {"13000404", true}, {"13000405", false}, {"13,0,0,0404", true}, {"abc", true},
+      {"", false},        {"99999999999", false}, {"4294967296", true},
+  };
+  for (const auto& row : rows) EXPECT_EQ(row.installed, client.CheckIfAlreadyNewVersion(row.candidate)) << row.candidate;
+  EXPECT_EQ("{\n   \"id\" : \"4\",\n   \"method\" : \"LoadZipFromBytes\",\n   \"result\" : [ 1, \"13000404\", true ]"
+            ",\n\t\"cmdId\" : \"\"\n}\n",
+            Run(R"({"id":"4","method":"LoadZipFromBytes","parameter":[1,"13000404"]})", "junk"));
+  // A body that is not an archive leaves nothing behind.
+  const std::string broken = Run(R"({"id":"7","method":"LoadZipFromBytes","parameter":[0,"1"]})", "not a zip");
+  EXPECT_HAS(broken, "\"description\" : \"Failed to unzip file Cannot open ");
+  EXPECT_HAS(broken, "\"exception\" : -2405");
+  EXPECT_TRUE(CacheIsEmpty());
+  // A module upload copies through CopyFile, which writes nothing after a
+  // successful read: folders appear in the module folder, contents do not.
+  EXPECT_HAS(Run(R"({"id":"1","method":"LoadZipFromBytes","parameter":[0,""]})", ReadWholeFile(archives + "nested.zip")),
+             "\"result\" : [ 0, \"\", true ]");
+  EXPECT_TRUE(fs::is_directory(Folder() + "a/b"));
+  EXPECT_FALSE(fs::exists(Folder() + "a/b/c.txt"));
+  EXPECT_TRUE(CacheIsEmpty());
+  // With an update under way every upload and check is refused at once.
+  WriteFile(GetInitFile(), "[QS]\nifupdate=1\n");
+  EXPECT_HAS(Run(R"({"id":"5","method":"LoadZipFromBytes","parameter":[1,"20000000"]})", "bytes"),
+             "\"description\" : \"Quintaris Service is updating, please wait.\",\n   \"exception\" : -2373");
+  EXPECT_HAS(Run(R"({"id":"6","method":"CheckUpdateFile","parameter":["7"]})"), "\"exception\" : -2373");
+  EXPECT_TRUE(CacheIsEmpty());
+}
+
+// A service package beside the module is unpacked, deleted, and its updater
+// started with the work folder and an empty environment; without an updater
+// the update flag is reset; a broken package is deleted with its folder.
+TEST_IN_OWN_FOLDER(UpdatePipeline, CheckUpdateFile) {
+  StartService("[QS]\nIfUpdate=0\nQSVersion=1\n");
+  const std::string archives = MakeArchives(Folder() + "archives");
+  WriteFile(Folder() + "Service_9.zip", ReadWholeFile(archives + "Service_9.zip"));
+  EXPECT_HAS(Run(R"({"id":"9","method":"CheckUpdateFile","parameter":["9"]})"), "\"result\" : [ \"9\", true ]");
+  EXPECT_FALSE(fs::exists(Folder() + "Service_9.zip"));
+  const std::string program = GetCachePath() + "QuintarisService/QSUpdate", marker = Folder() + "updater_ran.txt";
+  for (int i = 0; i < 500 && ReadWholeFile(marker).empty(); ++i) usleep(10000);
+  const std::string ran = ReadWholeFile(marker);
+  EXPECT_EQ(0u, ran.find(program + "|" + Folder() + "|")) << ran;
+  EXPECT_EQ(std::string::npos, ran.find("HOME=")) << ran;
+
+  WriteFile(Folder() + "Service_5.zip", ReadWholeFile(archives + "pkg.zip"));  // no QSUpdate inside
+  EXPECT_HAS(Run(R"({"id":"10","method":"CheckUpdateFile","parameter":["5"]})"),
+             "\"description\" : \"Create update progress failed.\",\n   \"exception\" : -2407");
+  EXPECT_EQ("0", GetConfigurationfromInitFile("IfUpdate", "unset", nullptr));
+
+  WriteFile(Folder() + "Service_3.zip", "not a zip");
+  EXPECT_HAS(Run(R"({"id":"11","method":"CheckUpdateFile","parameter":["3"]})"), "\"exception\" : -2405");
+  EXPECT_FALSE(fs::exists(Folder() + "Service_3.zip"));
+  EXPECT_FALSE(fs::exists(GetCachePath() + "QuintarisService"));
+}
+
+TEST(Zip, ExtractionAndItsMessages) {
+  TempDir dir;
+  const std::string archives = MakeArchives(dir / "archives"), out = dir / "out/";
+  fs::create_directory(out);
+  const std::string cwd = fs::current_path();
+  CMiniUnzip driver;
+  ASSERT_TRUE(driver.unzip((archives + "nested.zip").c_str(), out.c_str())) << driver.GetMessage();
+  EXPECT_EQ(std::string("deep text\n").size() * 100, ReadWholeFile(out + "a/b/c.txt").size());
+  EXPECT_TRUE(fs::exists(out + "empty.txt") && fs::is_directory(out + "folder"));
+  EXPECT_STREQ(" extracting: dated.txt\r\n", driver.GetMessage());
+  ASSERT_TRUE(driver.unzip((archives + "duplicate.zip").c_str(), out.c_str()));
+  EXPECT_EQ("newer", ReadWholeFile(out + "same.txt")) << "the later entry of a name wins";
+  ASSERT_TRUE(driver.unzip((archives + "pkg").c_str(), out.c_str())) << "retried with \".zip\"";
+  EXPECT_EQ("retried", ReadWholeFile(out + "inside.txt"));
+  WriteFile(out + "file", "x");
+  EXPECT_FALSE(driver.unzip((archives + "pkg.zip").c_str(), (out + "file").c_str()));
+  EXPECT_EQ("Error changing into " + out + "file", std::string(driver.GetMessage()));
+
+  Compress compress;
+  EXPECT_FALSE(compress.Unzip((archives + "corrupt.zip").c_str(), (dir / "bad/").c_str()));
+  EXPECT_STREQ("Error -3 with zipfile in ReadCurrentFile\r\n", compress.GetErrorDescription());
+  EXPECT_TRUE(fs::exists(dir / "bad/first.txt") && !fs::exists(dir / "bad/third.txt")) << "the walk stops";
+  EXPECT_FALSE(compress.Unzip((archives + "missing.zip").c_str(), (dir / "never/made/").c_str()));
+  EXPECT_EQ("Cannot find the specified file \"" + archives + "missing.zip\"", compress.GetErrorDescription());
+  EXPECT_FALSE(fs::exists(dir / "never"));
+  WriteFile(archives + "garbage", "not a zip file");
+  EXPECT_FALSE(compress.Unzip((archives + "garbage").c_str(), out.c_str()));
+  EXPECT_EQ("Cannot open " + archives + "garbage or " + archives + "garbage.zip", compress.GetErrorDescription());
+  fs::current_path(cwd);
+}
+
+}  // namespace
