@@ -4,8 +4,7 @@
 // another thread, or not at all). It echoes what the host passed in, so the
 // tests see exactly what reached the module, and writes what happened to
 // "standin.log" in its work folder (the executable's folder, as the real
-// module does); at release, "standin.waits" holds how often the host asked
-// for the wait timeout.
+// module does).
 //
 // Built with QS_STANDIN_PARTIAL, DistributeCommand and GetImage are left out:
 // a module the host must refuse to start with.
@@ -18,7 +17,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -31,11 +29,9 @@ namespace {
 
 std::mutex g_lock;
 std::condition_variable g_changed;
-std::map<std::string, std::string> g_images;
 std::vector<std::thread> g_threads;
 [[maybe_unused]] bool g_nextCallStarted = false;
 [[maybe_unused]] bool g_lateSent = false;
-int g_waitTimeoutCalls = 0;
 
 std::string WorkFile(const char* name) {
   char path[PATH_MAX + 1] = {};
@@ -73,13 +69,6 @@ std::vector<int> PortsFromEnvironment(const char* name, std::vector<int> fallbac
   return {first, second};
 }
 
-std::string GuidOf(const char* url, const char* marker) {
-  const std::string text(url);
-  if (text.find(marker) == std::string::npos) return "";
-  const size_t guid = text.find("GUID=");
-  return guid == std::string::npos ? "" : text.substr(guid + 5);
-}
-
 }  // namespace
 
 extern "C" {
@@ -91,11 +80,6 @@ int DoAction(int action, char const*, char const*, int) {
     {
       std::lock_guard<std::mutex> hold(g_lock);
       threads.swap(g_threads);
-      FILE* file = fopen(WorkFile("standin.waits").c_str(), "w");
-      if (file != nullptr) {
-        fprintf(file, "%d\n", g_waitTimeoutCalls);
-        fclose(file);
-      }
     }
     for (auto& thread : threads) thread.join();
   }
@@ -167,12 +151,7 @@ int DistributeCommand(int connection, void* handle, int reject, char const* url,
 }
 #endif
 
-int GetWaitTimeout() {
-  std::lock_guard<std::mutex> hold(g_lock);
-  ++g_waitTimeoutCalls;
-  const char* wait = getenv("QS_STANDIN_WAIT");
-  return wait != nullptr ? atoi(wait) : 100;
-}
+int GetWaitTimeout() { return 100; }
 
 int GetAlias(char* alias) {
   if (alias != nullptr) memcpy(alias, "tst", 4);
@@ -187,8 +166,7 @@ int GetVersionDesc(char* buffer) {
 
 int GetPorts(bool alternate, int* ports) {
   // Without a pair from the test: any free port.
-  std::vector<int> pair = alternate ? PortsFromEnvironment("QS_STANDIN_TLS_PORTS", {0, 0})
-                                    : PortsFromEnvironment("QS_STANDIN_PORTS", {0, 0});
+  std::vector<int> pair = alternate ? std::vector<int>{0, 0} : PortsFromEnvironment("QS_STANDIN_PORTS", {0, 0});
   if (ports != nullptr) {
     ports[0] = pair[0];
     ports[1] = pair[1];
@@ -196,34 +174,11 @@ int GetPorts(bool alternate, int* ports) {
   return 2;
 }
 
+// No image store: the host's image routes are tested with the real module.
 #ifndef QS_STANDIN_PARTIAL
-int GetImage(char const* url, void* buffer, unsigned int* length) {
-  const std::string guid = GuidOf(url, "/GetEncryptedImageMap?");
-  if (guid.empty()) return 0;
-  std::lock_guard<std::mutex> hold(g_lock);
-  auto found = g_images.find(guid);
-  if (found == g_images.end()) return 0;
-  *length = 2052;
-  if (buffer != nullptr) memcpy(buffer, found->second.data(), 2052);
-  return 1;
-}
+int GetImage(char const*, void*, unsigned int*) { return 0; }
 #endif
-
-int SetImage(char const* url, void const* data, unsigned int length) {
-  // The real module stops the process here; so does the stand-in.
-  if (length > 2052) abort();
-  const std::string guid = GuidOf(url, "/SetEncryptedImageMap?");
-  if (guid.empty()) return 0;
-  std::lock_guard<std::mutex> hold(g_lock);
-  if (data == nullptr) {
-    g_images.erase(guid);
-    return 1;
-  }
-  std::string record(2052, '\0');
-  memcpy(&record[0], data, length);
-  g_images[guid] = record;
-  return 1;
-}
+int SetImage(char const*, void const*, unsigned int) { return 0; }
 
 void CloseWebSocket() { Log("CloseWebSocket"); }
 
@@ -233,7 +188,4 @@ int Reserved() { return 0; }
 
 // The configuration switch the host asks for, exported by its C++ name as
 // the real module's base library does.
-bool GetEnableCORSAll() {
-  const char* cors = getenv("QS_STANDIN_CORS");
-  return cors == nullptr || strcmp(cors, "off") != 0;
-}
+bool GetEnableCORSAll() { return true; }
