@@ -17,13 +17,11 @@ namespace qs_test {
 struct Answer {
   int connection;
   void* handle;
-  std::string text;
-  std::string data;
-  std::string extra;
+  std::string text, data, extra;
   bool hasExtra;
 };
 
-// Records every call of the send-back callback.
+// Records every call of the send-back callback, from any thread.
 class AnswerLog {
  public:
   static AnswerLog& Instance() {
@@ -32,18 +30,15 @@ class AnswerLog {
   }
   static signed char Callback(int connection, void* handle, char const* text, void const* data, unsigned int dataLen,
                               char const* extra) {
-    Answer answer{connection, handle, text != nullptr ? text : "",
-                  data != nullptr ? std::string(static_cast<const char*>(data), dataLen) : std::string(),
-                  extra != nullptr ? extra : "", extra != nullptr};
     std::lock_guard<std::mutex> hold(Instance().mutex_);
-    Instance().answers_.push_back(answer);
+    Instance().answers_.push_back({connection, handle, text != nullptr ? text : "",
+                                   data != nullptr ? std::string(static_cast<const char*>(data), dataLen) : "",
+                                   extra != nullptr ? extra : "", extra != nullptr});
     return 1;
   }
   std::vector<Answer> Take() {
     std::lock_guard<std::mutex> hold(mutex_);
-    std::vector<Answer> out;
-    out.swap(answers_);
-    return out;
+    return std::move(answers_);
   }
 
  private:
@@ -53,24 +48,8 @@ class AnswerLog {
 
 class ModuleHost {
  public:
-
-  ModuleHost() {
-    module_ = dlopen(QS_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-    if (module_ == nullptr) {
-      ADD_FAILURE() << "cannot load the module: " << dlerror();
-      return;
-    }
-    Resolve(DoAction, "DoAction");
-    Resolve(DistributeCommand, "DistributeCommand");
-    Resolve(GetWaitTimeout, "GetWaitTimeout");
-    Resolve(GetAlias, "GetAlias");
-    Resolve(GetVersionDesc, "GetVersionDesc");
-    Resolve(GetPorts, "GetPorts");
-    Resolve(GetImage, "GetImage");
-    Resolve(SetImage, "SetImage");
-    Resolve(CloseWebSocket, "CloseWebSocket");
-    Resolve(Reserved, "Reserved");
-    Resolve(SendBack, "_Z8SendBackPFaiPvPKcPKvjS1_EiS_S1_S3_jS1_");
+  ModuleHost() : module_(dlopen(QS_MODULE_PATH, RTLD_NOW | RTLD_LOCAL)) {
+    if (module_ == nullptr) ADD_FAILURE() << "cannot load the module: " << dlerror();
   }
   ~ModuleHost() {
     if (module_ != nullptr) dlclose(module_);
@@ -79,7 +58,6 @@ class ModuleHost {
   ModuleHost& operator=(const ModuleHost&) = delete;
 
   bool loaded() const { return module_ != nullptr; }
-  void* Symbol(const char* name) const { return dlsym(module_, name); }
 
   // Sends one request as a browser would, on connection 1, answers captured.
   int Send(const std::string& url, const std::string& request, int browserType = 1,
@@ -94,26 +72,27 @@ class ModuleHost {
     return answers.empty() ? "" : answers.back().text;
   }
 
-  DoActionFn DoAction = nullptr;
-  DistributeCommandFn DistributeCommand = nullptr;
-  GetWaitTimeoutFn GetWaitTimeout = nullptr;
-  GetAliasFn GetAlias = nullptr;
-  GetVersionDescFn GetVersionDesc = nullptr;
-  GetPortsFn GetPorts = nullptr;
-  GetImageFn GetImage = nullptr;
-  SetImageFn SetImage = nullptr;
-  CloseWebSocketFn CloseWebSocket = nullptr;
-  ReservedFn Reserved = nullptr;
-  SendBackWrapper SendBack = nullptr;
-
  private:
   template <typename F>
-  void Resolve(F& target, const char* name) {
-    target = reinterpret_cast<F>(dlsym(module_, name));
-    EXPECT_NE(nullptr, reinterpret_cast<void*>(target)) << "export missing: " << name;
+  F Resolve(const char* name) {
+    void* symbol = module_ != nullptr ? dlsym(module_, name) : nullptr;
+    EXPECT_NE(nullptr, symbol) << "export missing: " << name;
+    return reinterpret_cast<F>(symbol);
   }
+  void* module_;
 
-  void* module_ = nullptr;
+ public:
+  const DoActionFn DoAction = Resolve<DoActionFn>("DoAction");
+  const DistributeCommandFn DistributeCommand = Resolve<DistributeCommandFn>("DistributeCommand");
+  const GetWaitTimeoutFn GetWaitTimeout = Resolve<GetWaitTimeoutFn>("GetWaitTimeout");
+  const GetAliasFn GetAlias = Resolve<GetAliasFn>("GetAlias");
+  const GetVersionDescFn GetVersionDesc = Resolve<GetVersionDescFn>("GetVersionDesc");
+  const GetPortsFn GetPorts = Resolve<GetPortsFn>("GetPorts");
+  const GetImageFn GetImage = Resolve<GetImageFn>("GetImage");
+  const SetImageFn SetImage = Resolve<SetImageFn>("SetImage");
+  const CloseWebSocketFn CloseWebSocket = Resolve<CloseWebSocketFn>("CloseWebSocket");
+  const ReservedFn Reserved = Resolve<ReservedFn>("Reserved");
+  const SendBackWrapper SendBack = Resolve<SendBackWrapper>("_Z8SendBackPFaiPvPKcPKvjS1_EiS_S1_S3_jS1_");
 };
 
 }  // namespace qs_test

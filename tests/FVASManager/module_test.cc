@@ -126,12 +126,9 @@ TEST_F(ModuleTest, AnswersOfEveryCommandAndUrlClass) {
 }
 
 TEST_F(ModuleTest, ConstantsActionsAndTheWaitTimeout) {
-  char alias[8];
-  memset(alias, 'z', sizeof(alias));
+  char alias[8] = "zzzzzzz", tag[32] = "zzzzzzzzzzzzzzzzzzzzzzzzzzzzzzz";
   EXPECT_EQ(4, host_.GetAlias(alias));
-  EXPECT_EQ(0, memcmp(alias, "kxp\0zzzz", 8));
-  char tag[32];
-  memset(tag, 'z', sizeof(tag));
+  EXPECT_EQ(0, memcmp(alias, "kxp\0zzz", 8));
   EXPECT_EQ(16, host_.GetVersionDesc(nullptr));
   EXPECT_EQ(16, host_.GetVersionDesc(tag));
   EXPECT_EQ(0, memcmp(tag, "fvasm2_14331212\0z", 17));
@@ -203,41 +200,37 @@ TEST_F(ModuleTest, ImageMapStore) {
 // configuration, the service (0) with the enhanced mode, and a folder where
 // the configuration file should be.
 TEST_F(ModuleTest, StartUpInTheExecutablesFolder) {
+  const std::string configurations[] = {"[QS]\nLogLevel=14\nEnableEnhancedMode=TRUE\nQSVersion=13,0,0,0404\n",
+                                        "[QS]\nEnableEnhancedMode=TRUE\n", "folder"};
   if (qs_test::InOwnFolder()) {
-    const std::string folder = getenv("QS_TEST_OWN_FOLDER");
-    struct stat st;
-    const bool broken = stat((folder + "/QSConfiguration.ini").c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-    const bool enhanced = !broken && qs_test::ReadWholeFile(folder + "/QSConfiguration.ini").find("LogLevel") ==
-                                         std::string::npos;
-    EXPECT_EQ(1, host_.DoAction(enhanced || broken ? 0 : 4, "/host/exe", "/host/module.so", 99));
+    const std::string path = getenv("QS_TEST_OWN_FOLDER") + std::string("/QSConfiguration.ini");
+    const std::string text = qs_test::IsFolder(path) ? "folder" : qs_test::ReadWholeFile(path);
+    const bool user = text == configurations[0], enhanced = text == configurations[1];
+    EXPECT_EQ(1, host_.DoAction(user ? 4 : 0, "/host/exe", "/host/module.so", 99));
     host_.Send("/kxp/", R"({"id":"1","method":"VersionInfo"})");
     EXPECT_NE(std::string::npos, host_.OnlyAnswer().find(enhanced ? "\"0\",\n      \"true\"" : "\"0\",\n      \"false\""));
     host_.Send("/kxp/", R"({"id":"2","method":"QSVersion"})");
-    EXPECT_NE(std::string::npos, host_.OnlyAnswer().find(enhanced || broken ? "[ \"0\", \"Quintaris Service\" ]"
-                                                                             : "[ \"13,0,0,0404\", \"Quintaris Service\" ]"));
+    EXPECT_NE(std::string::npos, host_.OnlyAnswer().find(user ? "[ \"13,0,0,0404\", \"Quintaris Service\" ]"
+                                                              : "[ \"0\", \"Quintaris Service\" ]"));
     return;
   }
-  for (const char* configuration : {"[QS]\nLogLevel=14\nEnableEnhancedMode=TRUE\nQSVersion=13,0,0,0404\n",
-                                    "[QS]\nEnableEnhancedMode=TRUE\n", "folder"}) {
+  for (const std::string& configuration : configurations) {
     qs_test::TempDir dir;
-    if (std::string(configuration) == "folder") {
-      mkdir((dir / "QSConfiguration.ini").c_str(), 0755);
-    } else {
-      qs_test::WriteFile(dir / "QSConfiguration.ini", configuration);
-    }
+    if (configuration == "folder") mkdir((dir / "QSConfiguration.ini").c_str(), 0755);
+    else qs_test::WriteFile(dir / "QSConfiguration.ini", configuration);
     ASSERT_EQ(0, qs_test::RunInOwnFolder(dir.path())) << configuration;
     const std::string log = qs_test::ReadWholeFile(dir / "log/qss.log");
-    if (std::string(configuration).find("LogLevel=14") != std::string::npos) {
-      EXPECT_TRUE(qs_test::IsFolder(dir / "dump")) << "start-up with the permission flag";
-      // The three numbered timing lines of a command, in the per-user mode.
-      for (const char* line : {"[Debug-3]: Receive Command: {\"id\":\"1\",\"method\":\"VersionInfo\"}",
-                               "[Debug-3]: 2. Before command actually start cost: ",
-                               "[Debug-3]: Twain function [VersionInfo] begin: \n", "[Debug-3]: User=, sock=42, session=0\n",
-                               ". cmd = [QSVersion]. id = [2].\n", "[Debug-3]: 4. Command send back result cost: "}) {
-        EXPECT_NE(std::string::npos, log.find(line)) << line;
-      }
-    } else {
+    if (configuration != configurations[0]) {
       EXPECT_EQ(std::string::npos, log.find("Debug")) << "debug lines filtered at level 6";
+      continue;
+    }
+    EXPECT_TRUE(qs_test::IsFolder(dir / "dump")) << "start-up with the permission flag";
+    // The three numbered timing lines of a command, in the per-user mode.
+    for (const char* line : {"[Debug-3]: Receive Command: {\"id\":\"1\",\"method\":\"VersionInfo\"}",
+                             "[Debug-3]: 2. Before command actually start cost: ",
+                             "[Debug-3]: Twain function [VersionInfo] begin: \n", "[Debug-3]: User=, sock=42, session=0\n",
+                             ". cmd = [QSVersion]. id = [2].\n", "[Debug-3]: 4. Command send back result cost: "}) {
+      EXPECT_NE(std::string::npos, log.find(line)) << line;
     }
   }
 }

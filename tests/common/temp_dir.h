@@ -1,13 +1,12 @@
-// A fresh folder under /tmp for one test, removed with its contents at the end.
+// A fresh folder under /tmp for one test, removed with its contents at the end,
+// and the small file helpers the tests share.
 #pragma once
 
-#include <ftw.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <stdlib.h>
 
-#include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 namespace qs_test {
@@ -16,14 +15,11 @@ class TempDir {
  public:
   TempDir() {
     char pattern[] = "/tmp/qs_test_XXXXXX";
-    char* made = mkdtemp(pattern);
-    path_ = made != nullptr ? made : "";
+    path_ = mkdtemp(pattern) != nullptr ? pattern : "";
   }
   ~TempDir() {
-    if (!path_.empty()) {
-      nftw(path_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return remove(p); }, 16,
-           FTW_DEPTH | FTW_PHYS);
-    }
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
@@ -45,11 +41,14 @@ inline std::string ReadWholeFile(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-inline bool PathExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+inline bool PathExists(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::exists(path, ignored);
+}
 
 inline bool IsFolder(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  std::error_code ignored;
+  return std::filesystem::is_directory(path, ignored);
 }
 
 }  // namespace qs_test

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <tuple>
 
 #include "environment/log.h"
 #include "environment/program_info.h"
@@ -16,10 +17,6 @@ namespace qs_test {
 class ServiceFolder {
  public:
   explicit ServiceFolder(const std::string& configuration = "") {
-    const std::string current[] = {g_work_path, g_init_file, g_user_config_file, g_log_file, g_logs_file, g_szIniFile};
-    for (int i = 0; i < 6; ++i) saved_[i] = current[i];
-    savedService_ = GetIfServiceProcess();
-    savedScanning_ = GetIfScanningProcess();
     g_work_path = dir_.path() + "/";
     g_init_file = dir_ / "QSConfiguration.ini";
     lstrcpyn(g_szIniFile, g_init_file.c_str(), sizeof(g_szIniFile));
@@ -29,12 +26,8 @@ class ServiceFolder {
     if (!configuration.empty()) WriteFile(g_init_file, configuration);
   }
   ~ServiceFolder() {
-    g_work_path = saved_[0];
-    g_init_file = saved_[1];
-    g_user_config_file = saved_[2];
-    g_log_file = saved_[3];
-    g_logs_file = saved_[4];
-    lstrcpyn(g_szIniFile, saved_[5].c_str(), sizeof(g_szIniFile));
+    std::tie(g_work_path, g_init_file, g_user_config_file, g_log_file, g_logs_file) = saved_;
+    lstrcpyn(g_szIniFile, savedIni_.c_str(), sizeof(g_szIniFile));
     SetIfServiceProcess(savedService_);
     SetIfScanningProcess(savedScanning_);
     ChangeLogLevel(0);
@@ -49,10 +42,11 @@ class ServiceFolder {
   void SetConfiguration(const std::string& text) const { WriteFile(g_init_file, text); }
 
  private:
+  const std::tuple<std::string, std::string, std::string, std::string, std::string> saved_{
+      g_work_path, g_init_file, g_user_config_file, g_log_file, g_logs_file};
+  const std::string savedIni_ = g_szIniFile;
+  const bool savedService_ = GetIfServiceProcess(), savedScanning_ = GetIfScanningProcess();
   TempDir dir_;
-  std::string saved_[6];
-  bool savedService_ = false;
-  bool savedScanning_ = false;
 };
 
 }  // namespace qs_test

@@ -4,27 +4,8 @@ a line, the encodings from Python's own punycode codec: the RFC 3492 samples
 A-R, then random mixed-script labels (fixed seed; each has a non-ASCII code
 point, since the codec ends an all-ASCII label with a "-" ours leaves off).
     python3 make_punycode_vectors.py > punycode_vectors.txt"""
-import codecs, random
-RFC_SAMPLES = """
-d984d98ad987d985d8a7d8a8d8aad983d984d985d988d8b4d8b9d8b1d8a8d98ad89f
-e4bb96e4bbace4b8bae4bb80e4b988e4b88de8afb4e4b8ade69687
-e4bb96e58091e788b2e4bb80e9babde4b88de8aaaae4b8ade69687
-50726fc48d70726f7374c49b6e656d6c7576c3adc48d65736b79
-d79cd79ed794d794d79dd7a4d7a9d795d798d79cd790d79ed793d791d7a8d799d79dd7a2d791d7a8d799d7aa
-e0a4afe0a4b9e0a4b2e0a58be0a497e0a4b9e0a4bfe0a4a8e0a58de0a4a6e0a580e0a495e0a58de0a4afe0a58be0a482e0a4a8e0a4b9e0a580e0a482e0a4ace0a58be0a4b2e0a4b8e0a495e0a4a4e0a587e0a4b9e0a588e0a482
-e381aae3819ce381bfe38293e381aae697a5e69cace8aa9ee38292e8a9b1e38197e381a6e3818fe3828ce381aae38184e381aee3818b
-ec84b8eab384ec9d98ebaaa8eb93a0ec82aceb9e8ceb93a4ec9db4ed959ceab5adec96b4eba5bcec9db4ed95b4ed959ceb8ba4eba9b4ec96bceba788eb8298eca28bec9d84eab98c
-d0bfd0bed187d0b5d0bcd183d0b6d0b5d0bed0bdd0b8d0bdd0b5d0b3d0bed0b2d0bed180d18fd182d0bfd0bed180d183d181d181d0bad0b8
-506f727175c3a96e6f70756564656e73696d706c656d656e74656861626c6172656e45737061c3b16f6c
-54e1baa16973616f68e1bb8d6b68c3b46e677468e1bb836368e1bb896ec3b3697469e1babf6e675669e1bb8774
-33e5b9b442e7b584e98791e585abe58588e7949f
-e5ae89e5aea4e5a588e7be8ee681b52d776974682d53555045522d4d4f4e4b455953
-48656c6c6f2d416e6f746865722d5761792de3819de3828ce3819ee3828ce381aee5a0b4e68980
-e381b2e381a8e381a4e5b18be6a0b9e381aee4b88b32
-4d616a69e381a74b6f69e38199e3828b35e7a792e5898d
-e38391e38395e382a3e383bc6465e383abe383b3e38390
-e3819de381aee382b9e38394e383bce38389e381a7
-""".split()
+import codecs, os, random
+RFC_SAMPLES = [l for l in open(os.path.join(os.path.dirname(__file__), "rfc3492_samples.txt")).read().split("\n") if l and l[0] != "#"]
 SCRIPTS = {"latin": [(0xC0, 0xFF), (0x100, 0x17F), (0x1E00, 0x1EFF)], "greek": [(0x391, 0x3A9), (0x3B1, 0x3C9)],
            "cyrillic": [(0x410, 0x44F)], "arabic": [(0x621, 0x64A)], "hebrew": [(0x5D0, 0x5EA)],
            "cjk": [(0x4E00, 0x9FFF)], "devanagari": [(0x905, 0x939), (0x966, 0x96F)], "hangul": [(0xAC00, 0xD7A3)],
