@@ -36,37 +36,24 @@ std::vector<std::thread> g_threads;
 std::string WorkFile(const char* name) {
   char path[PATH_MAX + 1] = {};
   const ssize_t length = readlink("/proc/self/exe", path, PATH_MAX);
-  std::string exe(path, length > 0 ? static_cast<size_t>(length) : 0);
+  const std::string exe(path, length > 0 ? static_cast<size_t>(length) : 0);
   return exe.substr(0, exe.rfind('/') + 1) + name;
 }
 
 void Log(const std::string& line) {
   static std::mutex logLock;
   std::lock_guard<std::mutex> hold(logLock);
-  FILE* file = fopen(WorkFile("standin.log").c_str(), "a");
-  if (file == nullptr) return;
-  fprintf(file, "%s\n", line.c_str());
-  fclose(file);
+  if (FILE* file = fopen(WorkFile("standin.log").c_str(), "a")) {
+    fprintf(file, "%s\n", line.c_str());
+    fclose(file);
+  }
 }
 
 [[maybe_unused]] std::string Hex(const unsigned char* bytes, unsigned int length) {
-  if (bytes == nullptr) return "-";
-  std::string text;
+  std::string text = bytes == nullptr ? "-" : "";
   char pair[3];
-  for (unsigned int i = 0; i < length; ++i) {
-    snprintf(pair, sizeof(pair), "%02x", bytes[i]);
-    text += pair;
-  }
+  for (unsigned int i = 0; bytes != nullptr && i < length; ++i) text.append(pair, snprintf(pair, 3, "%02x", bytes[i]));
   return text;
-}
-
-std::vector<int> PortsFromEnvironment(const char* name, std::vector<int> fallback) {
-  const char* text = getenv(name);
-  if (text == nullptr) return fallback;
-  int first = 0;
-  int second = 0;
-  if (sscanf(text, "%d,%d", &first, &second) != 2) return fallback;
-  return {first, second};
 }
 
 }  // namespace
@@ -165,12 +152,9 @@ int GetVersionDesc(char* buffer) {
 }
 
 int GetPorts(bool alternate, int* ports) {
-  // Without a pair from the test: any free port.
-  std::vector<int> pair = alternate ? std::vector<int>{0, 0} : PortsFromEnvironment("QS_STANDIN_PORTS", {0, 0});
-  if (ports != nullptr) {
-    ports[0] = pair[0];
-    ports[1] = pair[1];
-  }
+  // The pair the test asks for, or any free port.
+  const char* pair = alternate ? nullptr : getenv("QS_STANDIN_PORTS");
+  if (ports != nullptr && (pair == nullptr || sscanf(pair, "%d,%d", &ports[0], &ports[1]) != 2)) ports[0] = ports[1] = 0;
   return 2;
 }
 

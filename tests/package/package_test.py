@@ -48,13 +48,9 @@ def post(port, body, timeout=20):
 
 def snapshot(folder):
     """Every path under `folder` with its size and modification time."""
-    seen = {}
-    for base, folders, files in os.walk(folder):
-        for name in folders + files:
-            path = os.path.join(base, name)
-            st = os.lstat(path)
-            seen[os.path.relpath(path, folder)] = (st.st_size, st.st_mtime_ns)
-    return seen
+    return {os.path.relpath(os.path.join(base, name), folder): (os.lstat(os.path.join(base, name)).st_size,
+                                                               os.lstat(os.path.join(base, name)).st_mtime_ns)
+            for base, folders, files in os.walk(folder) for name in folders + files}
 
 
 class Package(unittest.TestCase):
@@ -206,20 +202,13 @@ class Package(unittest.TestCase):
         its sockets are of the allowed families, and no memory is ever
         writable and executable at once (MemoryDenyWriteExecute)."""
         import websocket
-        trace = os.path.join(self.work, "trace")
-        home = os.path.join(self.work, "traced")
+        trace, home = os.path.join(self.work, "trace"), os.path.join(self.work, "traced")
         os.makedirs(home)
-        env = dict(os.environ, HOME=home, XDG_STATE_HOME=home)
         process = subprocess.Popen(["strace", "-f", "-qq", "-o", trace, os.path.join(self.root, "usr/bin/qs-host"),
                                     "--port", "0", *ROOT_FLAG], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                   text=True, env=env)
-        port = None
-        for line in process.stdout:
-            found = re.match(r"listening on http://127.0.0.1:(\d+)/", line)
-            if found:
-                port = int(found.group(1))
-                break
-        self.assertIsNotNone(port)
+                                   text=True, env=dict(os.environ, HOME=home, XDG_STATE_HOME=home))
+        port = next(int(m.group(1)) for m in map(re.compile(r"listening on http://127.0.0.1:(\d+)/").match,
+                                                 process.stdout) if m)
         post(port, '{"id":"1","method":"VersionInfo"}')
         ws = websocket.create_connection("ws://127.0.0.1:%d/kxp/" % port, header=["User-Agent: t"], timeout=20)
         ws.send('{"id":"2","method":"QSVersion"}')
@@ -233,39 +222,24 @@ class Package(unittest.TestCase):
             os.kill(int(children.read().split()[0]), signal.SIGTERM)
         process.stdout.read()
         self.assertEqual(0, process.wait(30))
-
-        calls, families, write_exec = set(), set(), []
-        for line in read(trace).splitlines():
-            found = re.match(r"\d+ (\w+)\((.*)", line)
-            if not found:
-                continue
-            name, arguments = found.groups()
-            calls.add(name)
-            if name == "socket":
-                families.add(arguments.split(",")[0])
-            if name in ("mmap", "mprotect", "pkey_mprotect") and "PROT_EXEC" in arguments and (
-                    name != "mmap" or "PROT_WRITE" in arguments):
-                write_exec.append(line.strip())
-        allowed = self.expanded("@system-service")
-        self.assertEqual(set(), calls - allowed - {"execve"}, "outside @system-service")
+        calls = re.findall(r"^\d+ (\w+)\((.*)", read(trace), re.M)
+        families = {arguments.split(",")[0] for name, arguments in calls if name == "socket"}
+        self.assertEqual(set(), {name for name, _ in calls} - self.expanded("@system-service") - {"execve"})
         self.assertLessEqual(families, {"AF_UNIX", "AF_INET", "AF_INET6"})
         # Mapping a library executable is allowed; making memory executable
         # after the fact, or writable and executable at once, is not.
-        self.assertEqual([], [line for line in write_exec if "mprotect" in line or "PROT_WRITE" in line])
+        self.assertEqual([], [(name, arguments) for name, arguments in calls if "PROT_EXEC" in arguments and (
+            name in ("mprotect", "pkey_mprotect") or (name == "mmap" and "PROT_WRITE" in arguments))])
 
     @staticmethod
     def expanded(group, seen=None):
-        seen = set() if seen is None else seen
-        names = set()
-        for line in run(["systemd-analyze", "syscall-filter", group]).stdout.splitlines()[1:]:
-            entry = line.strip()
-            if not entry or entry.startswith("#"):
-                continue
-            if entry.startswith("@"):
-                if entry not in seen:
-                    seen.add(entry)
-                    names |= Package.expanded(entry, seen)
-            else:
+        """The system calls of a filter set, its nested sets included."""
+        seen, names = seen if seen is not None else set(), set()
+        for entry in (line.strip() for line in run(["systemd-analyze", "syscall-filter", group]).stdout.splitlines()[1:]):
+            if entry.startswith("@") and entry not in seen:
+                seen.add(entry)
+                names |= Package.expanded(entry, seen)
+            elif entry and entry[0] not in "#@":
                 names.add(entry)
         return names
 

@@ -258,18 +258,6 @@ TEST(Thread, WaitsCancelsAndIds) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* tz) {
-    setenv("TZ", tz, 1);
-    tzset();
-  }
-  ~ScopedTimeZone() {
-    unsetenv("TZ");
-    tzset();
-  }
-};
-
 TEST(Time, TicksWrapIn32BitsAndSystemTimeIsLocal) {
   // 4,294,967,296 ms is exactly 2^32; nanoseconds are truncated to whole ms.
   EXPECT_EQ(0u, TickCountFromClock(4294967, 296000000));
@@ -280,7 +268,8 @@ TEST(Time, TicksWrapIn32BitsAndSystemTimeIsLocal) {
   Sleep(4294968);
   EXPECT_LT(GetTickCount() - before, 1000u);
 
-  ScopedTimeZone tz("UTC-2");  // two hours east of UTC
+  setenv("TZ", "UTC-2", 1);  // two hours east of UTC
+  tzset();
   _SYSTEMTIME st{};
   st.wDayOfWeek = 6;
   st.wMilliseconds = 5;
@@ -296,6 +285,8 @@ TEST(Time, TicksWrapIn32BitsAndSystemTimeIsLocal) {
   localtime_r(&now, &local);
   EXPECT_EQ(local.tm_hour, st.wHour);
   EXPECT_EQ(0, st.wDayOfWeek);
+  unsetenv("TZ");
+  tzset();
 }
 
 // ---- Processes, libraries, formatting --------------------------------------------
