@@ -28,7 +28,8 @@ case "$preset" in
     export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
     ;;
   tsan)
-    export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+    # Races the detector cannot judge (inside glibc) are named in this file.
+    export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/scripts/tsan.supp"
     ;;
 esac
 
