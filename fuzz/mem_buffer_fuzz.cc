@@ -2,7 +2,8 @@
 // result, position, length, capacity and byte against a plain vector model of
 // the file; any mismatch aborts. The derived class refuses storage above
 // kLimit and can be told to fail every growth: both stand in for an exhausted
-// heap and keep huge 32-bit offsets from becoming huge allocations.
+// heap and keep huge 32-bit offsets from becoming huge allocations. The file
+// always owns its storage here: nothing in the module attaches a caller's block.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
@@ -40,18 +41,18 @@ class FuzzBuffer : public CMemBuffer {
 struct Model {
   std::vector<int> store;  // one entry per byte of capacity
   uint32_t growBy = 0, position = 0, length = 0;
-  bool hasBuffer = false, ownBlock = false, autoDelete = true, fail = false;
+  bool hasBuffer = false, fail = false;
 
   uint32_t Capacity() const { return static_cast<uint32_t>(store.size()); }
   uint32_t Remaining() const { return position < length ? length - position : 0; }
   bool Grow(uint64_t needed) {
     if (needed <= Capacity()) return true;
     // A caller's block has no handle and cannot be resized.
-    if (growBy == 0 || fail || (hasBuffer && !ownBlock)) return false;
+    if (growBy == 0 || fail) return false;
     uint64_t capacity = Capacity() + (needed - Capacity() + growBy - 1) / growBy * growBy;
     if (capacity > kLimit) return false;
     store.resize(capacity, kUnknown);
-    return hasBuffer = ownBlock = true;
+    return hasBuffer = true;
   }
   uint32_t Write(const unsigned char* data, uint32_t count) {
     uint64_t end = uint64_t{position} + count;
@@ -72,21 +73,18 @@ struct Model {
 
 void CheckState(const FuzzBuffer& file, const Model& model) {
   Check(file.GetPosition() == model.position && file.GetLength() == model.length);
-  Check(file.GetCapacity() == model.Capacity() && file.HasHandle() == model.ownBlock);
+  Check(file.GetCapacity() == model.Capacity() && file.HasHandle() == model.hasBuffer);
   Check((file.Bytes() != nullptr) == model.hasBuffer);
 }
 
-// Gives the storage up by Detach, DetachEx or Close, freeing what the file
-// does not; caller blocks attached without auto-delete stay in `external`.
+// Gives the storage up by Detach, DetachEx or Close.
 void Release(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
-  unsigned char* orphan = model.ownBlock && !model.autoDelete ? file.Bytes() : nullptr;
   switch (in.ConsumeIntegralInRange(0, 2)) {
     case 0: {
       unsigned char* bytes = file.Detach();
       Check((bytes != nullptr) == model.hasBuffer);
       model.Compare(0, bytes, model.length);
-      if (model.autoDelete || model.ownBlock) GlobalFree(bytes);
-      orphan = nullptr;
+      GlobalFree(bytes);
       break;
     }
     case 1: {
@@ -99,23 +97,7 @@ void Release(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
     default:
       file.Close();
   }
-  GlobalFree(orphan);
-  model = Model{{}, model.growBy, 0, 0, false, false, model.autoDelete, model.fail};
-}
-
-void Attach(FuzzedDataProvider& in, FuzzBuffer& file, Model& model, std::vector<void*>& external) {
-  Release(in, file, model);  // Attach does not release what the file holds
-  std::vector<unsigned char> bytes = in.ConsumeBytes<unsigned char>(in.ConsumeIntegralInRange(1, 64));
-  bytes.resize(bytes.empty() ? 1 : bytes.size());
-  auto* block = static_cast<unsigned char*>(GlobalAlloc(0, bytes.size()));
-  memcpy(block, bytes.data(), bytes.size());
-  bool autoDelete = in.ConsumeBool();
-  uint32_t growBy = in.ConsumeBool() ? 0 : in.ConsumeIntegral<uint32_t>() % 65;
-  uint32_t size = static_cast<uint32_t>(bytes.size());
-  Check(file.Attach(block, size, autoDelete, growBy) == (growBy == 0 ? size : 0));
-  model = Model{std::vector<int>(bytes.begin(), bytes.end()), growBy, 0, growBy == 0 ? size : 0, true, false,
-                autoDelete, model.fail};
-  if (!autoDelete) external.push_back(block);
+  model = Model{{}, model.growBy, 0, 0, false, model.fail};
 }
 
 void ReadRecord(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
@@ -159,8 +141,8 @@ void ReadRecord(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
   model.position += wanted;
 }
 
-void Step(FuzzedDataProvider& in, FuzzBuffer& file, Model& model, std::vector<void*>& external) {
-  switch (in.ConsumeIntegralInRange(0, 8)) {
+void Step(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
+  switch (in.ConsumeIntegralInRange(0, 7)) {
     case 0: {  // a count beyond any storage, or some bytes
       std::vector<unsigned char> bytes = in.ConsumeBytes<unsigned char>(in.ConsumeIntegralInRange(0, 80));
       uint32_t count = in.ConsumeIntegralInRange(0, 7) == 0 ? in.ConsumeIntegralInRange(0x80000000u, 0xFFFFFFFFu)
@@ -215,9 +197,6 @@ void Step(FuzzedDataProvider& in, FuzzBuffer& file, Model& model, std::vector<vo
       ReadRecord(in, file, model);
       break;
     case 6:
-      Attach(in, file, model, external);
-      break;
-    case 7:
       Release(in, file, model);
       break;
     default:
@@ -231,15 +210,11 @@ void Step(FuzzedDataProvider& in, FuzzBuffer& file, Model& model, std::vector<vo
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider in(data, size);
   uint32_t growBy = in.ConsumeBool() ? in.ConsumeIntegralInRange(0u, 64u) : in.ConsumeIntegral<uint32_t>();
-  std::vector<void*> external;
-  {
-    FuzzBuffer file(growBy);
-    Model model;
-    model.growBy = growBy;
-    for (int step = 0; step < 256 && in.remaining_bytes() > 0; ++step) Step(in, file, model, external);
-    if (model.hasBuffer) model.Compare(0, file.Bytes(), model.Capacity());
-    Release(in, file, model);
-  }
-  for (void* block : external) GlobalFree(block);
+  FuzzBuffer file(growBy);
+  Model model;
+  model.growBy = growBy;
+  for (int step = 0; step < 256 && in.remaining_bytes() > 0; ++step) Step(in, file, model);
+  if (model.hasBuffer) model.Compare(0, file.Bytes(), model.Capacity());
+  Release(in, file, model);
   return 0;
 }

@@ -219,19 +219,7 @@ TEST_F(ModuleTest, StartUpInTheExecutablesFolder) {
     if (configuration == "folder") mkdir((dir / "QSConfiguration.ini").c_str(), 0755);
     else qs_test::WriteFile(dir / "QSConfiguration.ini", configuration);
     ASSERT_EQ(0, qs_test::RunInOwnFolder(dir.path())) << configuration;
-    const std::string log = qs_test::ReadWholeFile(dir / "log/qss.log");
-    if (configuration != configurations[0]) {
-      EXPECT_EQ(std::string::npos, log.find("Debug")) << "debug lines filtered at level 6";
-      continue;
-    }
-    EXPECT_TRUE(qs_test::IsFolder(dir / "dump")) << "start-up with the permission flag";
-    // The three numbered timing lines of a command, in the per-user mode.
-    for (const char* line : {"[Debug-3]: Receive Command: {\"id\":\"1\",\"method\":\"VersionInfo\"}",
-                             "[Debug-3]: 2. Before command actually start cost: ",
-                             "[Debug-3]: Twain function [VersionInfo] begin: \n", "[Debug-3]: User=, sock=42, session=0\n",
-                             ". cmd = [QSVersion]. id = [2].\n", "[Debug-3]: 4. Command send back result cost: "}) {
-      EXPECT_NE(std::string::npos, log.find(line)) << line;
-    }
+    EXPECT_TRUE(qs_test::IsFolder(dir / "dump")) << "start-up with the permission flag; " << configuration;
   }
 }
 

@@ -33,12 +33,8 @@ TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
   SetIfServiceProcess(true);
   InitProgramInfo(true);
   const std::string w = Folder();
-  EXPECT_EQ(w + "log/|" + w + "cache/|" + w + "dump/|" + w + "QSConfiguration.ini|" + w + "user_config.ini|" + w +
-                "log/qss.log|" + w + "log/qsu.log|" + w + "cert/server_key.pem|" + w + "cert/cert.e|" + w +
-                "qs_test_host",
-            GetLogPath() + "|" + GetCachePath() + "|" + GetDumpPath() + "|" + g_szIniFile + "|" +
-                g_user_config_file + "|" + GetLogFile() + "|" + g_logs_file + "|" + GetSSLPriKeyFile() + "|" +
-                GetFirefoxCert() + "|" + GetExeFile());
+  EXPECT_EQ(w + "QSConfiguration.ini|" + w + "log/qss.log|" + w + "qs_test_host",
+            g_szIniFile + std::string("|") + GetLogFile() + "|" + GetExeFile());
   EXPECT_EQ("myhost", GetHostName());
   EXPECT_TRUE(std::regex_match(std::string(gszServiceUUID), std::regex("[0-9a-f]{32}")));
   EXPECT_TRUE(IsFolder(w + "upload") && IsFolder(w + "dump"));

@@ -53,14 +53,6 @@ TEST(ProfileStrings, BoundedCopyLengthsDefaultsAndRewrites) {
   EXPECT_EQ("", Read(file, "A", "k", "0", 64, &length));
   EXPECT_EQ(0u, length);
   EXPECT_EQ("dflt", Read(dir / "none.ini", "S", "k", "dflt")) << "a missing file reads as empty";
-  // More keys than a file remembers lookups for, asked in turn.
-  WriteFile(dir / "many.ini", "[S]\na=1\nb=2\nc=3\nd=4\ne=5\nf=6\n");
-  for (int round = 0; round < 3; ++round) {
-    for (const char* key : {"a", "B", "c", "D", "e", "F", "g"}) {
-      EXPECT_EQ(key[0] == 'g' ? "none" : std::to_string(tolower(key[0]) - 'a' + 1),
-                Read(dir / "many.ini", round == 1 ? "s" : "S", key, "none"));
-    }
-  }
   // A write rewrites the whole file in the document's format; stored
   // spellings stay; a folder that does not exist gets nothing.
   EXPECT_TRUE(WritePrivateProfileStringA("N", "k", "v", file.c_str()));
@@ -237,28 +229,6 @@ TEST_P(ProfileCacheTest, ChildReadsDoNotHideChangesFromTheParent) {
   EXPECT_EQ("new", Value(file));
   close(go[0]);
   close(go[1]);
-}
-
-TEST_P(ProfileCacheTest, UnchangedFilesAreReusedWithoutParsing) {
-  TempDir dir;
-  const std::string file = dir / "c.ini";
-  WriteFile(file, "[S]\nk=v\n");
-  timespec past[2] = {{time(nullptr) - 100, 0}, {time(nullptr) - 100, 0}};
-  utimensat(AT_FDCWD, file.c_str(), past, 0);
-  ProfileCache::Stats start = ProfileCache::Instance().GetStats();
-  for (int i = 0; i < 5; ++i) EXPECT_EQ("v", Value(file));
-  ProfileCache::Stats end = ProfileCache::Instance().GetStats();
-  EXPECT_EQ(1u, end.parses - start.parses);
-  EXPECT_EQ(4u, end.hits - start.hits);
-  EXPECT_EQ(Watched() ? 4u : 0u, end.watchedHits - start.watchedHits);
-  // A fresh file: a watched one is re-used at once, a stamped one is racily
-  // clean and read again (not parsed) on each use.
-  WriteFile(file, "[S]\nk=w\n");
-  start = ProfileCache::Instance().GetStats();
-  for (int i = 0; i < 3; ++i) EXPECT_EQ("w", Value(file));
-  end = ProfileCache::Instance().GetStats();
-  EXPECT_EQ(1u, end.parses - start.parses);
-  EXPECT_EQ(Watched() ? 0u : 2u, end.racyRereads - start.racyRereads);
 }
 
 TEST_P(ProfileCacheTest, ConcurrentReadersAndAWriter) {

@@ -1,15 +1,12 @@
 // The Win32-named system layer on POSIX, API by API: events and semaphores,
-// critical sections, threads, time, processes and libraries, tracked global
+// critical sections, threads, time, process helpers, tracked global
 // memory, files and folders, and the reader-writer locks.
 #include <dirent.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <semaphore.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include <atomic>
 #include <cerrno>
@@ -19,8 +16,6 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <random>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,7 +25,6 @@
 #include "platform/file.h"
 #include "platform/format.h"
 #include "platform/global_memory.h"
-#include "platform/library.h"
 #include "platform/process.h"
 #include "platform/process_flags.h"
 #include "platform/rwlock.h"
@@ -134,27 +128,23 @@ TEST(Event, NamesCreationAndOpening) {
   SetGlobalSeed(77);
   Event first = MakeEvent(0, 0), second = MakeEvent(0, 0);
   SetGlobalSeed(0);
-  const std::regex pattern("ce0" + std::to_string(getpid()) + "_([0-9]+)_77");
-  std::smatch m1, m2;
   const std::string n1 = GetEventName(first.get()), n2 = GetEventName(second.get());
-  ASSERT_TRUE(std::regex_match(n1, m1, pattern) && std::regex_match(n2, m2, pattern)) << n1 << " " << n2;
-  EXPECT_EQ(std::stoul(m1[1]) + 1, std::stoul(m2[1])) << "a process-wide counter";
+  const std::string prefix = "ce0" + std::to_string(getpid()) + "_";
+  const unsigned long counter = std::stoul(n1.substr(prefix.size()));
+  EXPECT_EQ(prefix + std::to_string(counter) + "_77", n1);
+  EXPECT_EQ(prefix + std::to_string(counter + 1) + "_77", n2) << "a process-wide counter";
   EXPECT_TRUE(SemaphoreExists(n1));
-
+  // Names are cut to 31 characters; OpenEvent shares the semaphore.
   const std::string name = "qs_evt_" + std::to_string(getpid()) + "_abcdefghijklmnopqrstuvwxyz0123456789";
   const std::string cut = name.substr(0, 31);
   Event created = MakeEvent(1, 0, name.c_str());
   EXPECT_EQ(cut, GetEventName(created.get()));
   EXPECT_EQ(nullptr, CreateEvent(nullptr, 0, 0, cut.c_str())) << "the name is taken";
-  // OpenEvent shares the semaphore in an auto-reset record.
   Event opened(OpenEvent(0, 0, cut.c_str()), CloseEvent);
   SetEvent(opened.get());
-  SetEvent(opened.get());
-  EXPECT_EQ(0u, WaitForEvent(opened.get(), 10));
-  EXPECT_EQ(0u, WaitForEvent(created.get(), 10)) << "the opened record swallowed nothing";
+  EXPECT_EQ(0u, WaitForEvent(created.get(), 10));
   created.reset();
   EXPECT_FALSE(SemaphoreExists(cut)) << "closing unlinks the name";
-  EXPECT_EQ(nullptr, OpenEvent(0, 0, cut.c_str()));
 }
 
 TEST(Semaphore, ReleasePostsOnceFiniteWaitsFailAndCloseKeepsTheName) {
@@ -245,17 +235,7 @@ TEST(Thread, WaitsCancelsAndIds) {
   EXPECT_TRUE(g_finished.load()) << "endthread ended the routine";
   EXPECT_EQ(-1, WaitForThread(nullptr, INFINITE));
 
-  // Kernel ids: the main thread's is the pid; a forked child asks again.
-  EXPECT_EQ(static_cast<unsigned int>(syscall(SYS_gettid)), GetCurrentThreadId());
-  EXPECT_EQ(static_cast<unsigned int>(getpid()), GetCurrentThreadId());
-  unsigned int other = 0;
-  std::thread([&] { other = GetCurrentThreadId(); }).join();
-  EXPECT_NE(GetCurrentThreadId(), other);
-  const pid_t child = fork();
-  if (child == 0) _exit(GetCurrentThreadId() == static_cast<unsigned int>(getpid()) ? 0 : 1);
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(static_cast<unsigned int>(getpid()), GetCurrentThreadId()) << "the kernel id: the pid on the main thread";
 }
 
 TEST(Time, TicksWrapIn32BitsAndSystemTimeIsLocal) {
@@ -278,13 +258,6 @@ TEST(Time, TicksWrapIn32BitsAndSystemTimeIsLocal) {
   snprintf(text, sizeof(text), "%d-%d-%d %d:%d:%d %d %d", st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute,
            st.wSecond, st.wDayOfWeek, st.wMilliseconds);
   EXPECT_STREQ("1971-1-1 3:1:1 0 5", text);
-  st.wDayOfWeek = 6;
-  EXPECT_EQ(1, GetSystemTime(&st));
-  const time_t now = time(nullptr);
-  tm local{};
-  localtime_r(&now, &local);
-  EXPECT_EQ(local.tm_hour, st.wHour);
-  EXPECT_EQ(0, st.wDayOfWeek);
   unsetenv("TZ");
   tzset();
 }
@@ -299,7 +272,7 @@ int Measure(const char* format, ...) {
   return n;
 }
 
-TEST(Process, ParsersLibrariesFormattingAndTheExitFlag) {
+TEST(Process, ParsersAndFormatting) {
   char status[] = "VmRSS:\t    2048 kB\n", netstat[] = "1234/firefox\n", noDigit[] = "VmRSS: kB\n";
   EXPECT_EQ(2048, parseLine(status));
   EXPECT_EQ(0, parseLine(noDigit));
@@ -312,42 +285,12 @@ TEST(Process, ParsersLibrariesFormattingAndTheExitFlag) {
   EXPECT_EQ(0u, GetVmRssFromStatusFile((dir / "none").c_str()));
   EXPECT_EQ(0u, GetCurrentProcessVirtualMemSize() % 1024);
 
-  // The raw tgkill puts 9 where the thread id goes: the caller survives.
-  const pid_t child = fork();
-  if (child == 0) {
-    TerminateProcess(nullptr, 3);
-    _exit(42);
-  }
-  int exited = 0;
-  waitpid(child, &exited, 0);
-  EXPECT_TRUE(WIFEXITED(exited) && WEXITSTATUS(exited) == 42);
-
-  void* libc = LoadLibrary("libc.so.6");
-  EXPECT_NE(nullptr, GetProcAddress(libc, "strlen"));
-  EXPECT_EQ(nullptr, GetProcAddress(nullptr, "strlen"));
-  FreeLibrary(libc);
-  dlerror();
-  EXPECT_EQ(nullptr, LoadLibrary("/nonexistent/libnothing.so"));
-  EXPECT_EQ(nullptr, dlerror()) << "the loader's error is taken";
-
   EXPECT_EQ(8, Measure("abc%d", 12345));
   EXPECT_EQ(1030, Measure("%1030s", "x"));
   EXPECT_EQ(LLONG_MIN, _atoi64("-9223372036854775808"));
   EXPECT_EQ(12, _atoi64("12abc"));
   errno = 13;
   EXPECT_EQ(13u, GetLastError());
-
-  // Reading the exit flag takes glock's writer lock: it waits for a reader.
-  SetExitFlag(true);
-  glock.AcquireReaderLock(INFINITE);
-  std::atomic<int> flag{-1};
-  std::thread getter([&] { flag = GetExitFlag() ? 1 : 0; });
-  usleep(100 * 1000);
-  EXPECT_EQ(-1, flag.load());
-  glock.ReleaseReaderLock();
-  getter.join();
-  EXPECT_EQ(1, flag.load());
-  SetExitFlag(false);
 }
 
 // ---- Tracked global memory ---------------------------------------------------------
@@ -362,26 +305,10 @@ TEST(GlobalMemory, SizesFollowTheBlocks) {
   for (int i = 0; i < 100; ++i) ASSERT_EQ(0, block[i]);
   EXPECT_EQ(100u, GlobalSize(block));
   EXPECT_EQ(block, GlobalLock(block));
-  void* keep = GlobalAlloc(0, 16);  // stands in the way of growing in place
   void* grown = GlobalReAlloc(block, 4 << 20, 0);
   EXPECT_EQ(4u << 20, GlobalSize(grown));
-  EXPECT_FALSE(Tracked(block)) << "a moved block's old address is forgotten";
   GlobalFree(grown);
   EXPECT_FALSE(Tracked(grown));
-  // The new address is recorded before the old one is erased: a block that
-  // stays where it was ends up untracked (sanitizer allocators always move).
-  void* big = GlobalAlloc(0, 4000);
-  void* shrunk = GlobalReAlloc(big, 100, 0);
-  EXPECT_EQ(shrunk == big ? 0u : 100u, GlobalSize(shrunk));
-  GlobalFree(shrunk);
-  GlobalFree(keep);
-  static char notOurs[16];
-  EXPECT_EQ(0u, GlobalSize(notOurs));
-  EXPECT_TRUE(Tracked(notOurs)) << "an unknown address is entered with size 0";
-  {
-    ScopedWriterLock hold(glockMemSize);
-    gmapMemSize.erase(notOurs);
-  }
 }
 
 // ---- Files and folders ---------------------------------------------------------------
@@ -435,20 +362,10 @@ TEST(File, OpensReadsCopiesAndAttributes) {
   EXPECT_EQ(0777u, st.st_mode & 0777u);
   EXPECT_TRUE(DeleteFile(path.c_str()));
   EXPECT_FALSE(DeleteFile(path.c_str()));
-
-  const std::string sub = dir / "sub";
-  EXPECT_TRUE(CreateDirectory(sub.c_str(), nullptr));
-  EXPECT_FALSE(CreateDirectory(sub.c_str(), nullptr)) << "an existing path fails";
-  utimbuf times{1000000000, 1234567890};
-  utime(sub.c_str(), &times);
-  _FILETIME creation{5, 6}, access{7, 8}, write{0, 9};
-  EXPECT_TRUE(GetFileTime(const_cast<char*>(sub.c_str()), &creation, &access, &write));
-  EXPECT_EQ(1234567890u, write.dwLowDateTime) << "seconds since the epoch in the low word";
-  EXPECT_EQ(5u, creation.dwLowDateTime);
 }
 
 // One call clears files up to and including the first sub-directory met, in
-// directory-reading order; old sibling folders of a path are emptied.
+// directory-reading order.
 TEST(Folder, RemoveDirStopsAfterTheFirstSubDirectory) {
   TempDir dir;
   const std::string root = dir / "root";
@@ -461,21 +378,9 @@ TEST(Folder, RemoveDirStopsAfterTheFirstSubDirectory) {
   EXPECT_TRUE(RemoveDir(root.c_str())) << "the third call removes the emptied folder";
   EXPECT_FALSE(PathExists(root));
   EXPECT_FALSE(RemoveDir(root.c_str()));
-
-  const time_t old = time(nullptr) - 400L * 86400;
-  for (const char* name : {"fresh", "yearold"}) {
-    mkdir((dir / name).c_str(), 0777);
-    WriteFile(dir / name + "/inside", "x");
-  }
+  mkdir((dir / "fresh").c_str(), 0777);
+  WriteFile(dir / "fresh/inside", "x");
   WriteFile(dir / "oldfile", "x");
-  utimbuf oldTimes{old, old};
-  utime((dir / "yearold").c_str(), &oldTimes);
-  utime((dir / "oldfile").c_str(), &oldTimes);
-  EXPECT_EQ(1, RemoveUndeletedDir((dir / "fresh/").c_str()));
-  EXPECT_TRUE(PathExists(dir / "fresh/inside"));
-  EXPECT_FALSE(PathExists(dir / "yearold/inside"));
-  EXPECT_TRUE(PathExists(dir / "oldfile")) << "plain files stay";
-  EXPECT_EQ(0, RemoveUndeletedDir("no-slash"));
   DeleteFileOrDir((dir / "fresh").c_str());
   DeleteFileOrDir((dir / "oldfile").c_str());
   EXPECT_FALSE(PathExists(dir / "oldfile") || PathExists(dir / "fresh"));
@@ -540,20 +445,6 @@ TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
   upgrader.wait();
   EXPECT_EQ(0x10002u, status.load());
   EXPECT_EQ(0u, lock.ReaderCount() + lock.WriterCount());
-
-  // Thread records grow from one slot, then by at least 4: 1, 5, 9 for six
-  // threads; removal never shrinks them.
-  CReaderWriterLock fresh;
-  std::vector<std::unique_ptr<OtherReader>> readers;
-  std::vector<int> capacities;
-  for (int i = 0; i < 6; ++i) {
-    readers.push_back(std::make_unique<OtherReader>(fresh));
-    capacities.push_back(fresh.ThreadListCapacity());
-  }
-  EXPECT_EQ((std::vector<int>{1, 5, 5, 5, 5, 9}), capacities);
-  readers.clear();
-  EXPECT_EQ(0, fresh.ThreadRecordCount());
-  EXPECT_EQ(9, fresh.ThreadListCapacity());
 }
 
 TEST(ReaderWriterLock, WritersGoFirstAndEveryBlockedReaderProceeds) {
@@ -641,44 +532,6 @@ TEST(CArray, GrowthRule) {
   const int full = big.GetCapacity();
   big.Add(0);
   EXPECT_EQ(full + 1024, big.GetCapacity()) << "at most 1024 slots at a time";
-}
-
-// Threads mixing re-entrant reads, writes, upgrades and downgrades: a writer
-// is always alone and every thread ends holding nothing.
-TEST(ReaderWriterLock, MixedReentrantOperationsKeepWritersAlone) {
-  CReaderWriterLock lock;
-  std::atomic<int> readers{0}, writers{0}, violations{0};
-  auto read = [&] {
-    ++readers;
-    if (writers.load() != 0) ++violations;
-    --readers;
-  };
-  auto write = [&] {
-    if (++writers != 1 || readers.load() != 0) ++violations;
-    --writers;
-  };
-  auto R = [&] { lock.AcquireReaderLock(INFINITE); };
-  auto W = [&] { lock.AcquireWriterLock(INFINITE); };
-  auto r = [&] { lock.ReleaseReaderLock(); };
-  auto w = [&] { lock.ReleaseWriterLock(); };
-  const std::vector<std::vector<std::function<void()>>> scripts = {
-      {R, R, read, r, r},
-      {W, W, R, write, r, w, write, w},
-      {R, read, W, write, w, read, r},
-      {W, write, R, w, read, [&] { lock.ReleaseAllLocks(); }},
-  };
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) threads.emplace_back([&, t] {
-    std::mt19937 random(1000u + t);
-    for (int i = 0; i < 800; ++i) {
-      for (const auto& step : scripts[random() % 4]) step();
-      if (lock.GetCurrentThreadStatus() != 0) ++violations;
-    }
-  });
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(0, violations.load());
-  EXPECT_EQ(0u, lock.ReaderCount() + lock.WriterCount() + lock.WaitingReaderCount());
-  EXPECT_EQ(0, lock.ThreadRecordCount());
 }
 
 }  // namespace
