@@ -53,14 +53,6 @@ TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
   InitProgramInfo(true);
   EXPECT_EQ("changed", GetHostName());
   EXPECT_EQ(log, ReadWholeFile(GetLogFile()));
-  SaveServiceName("Renamed");
-  EXPECT_EQ("Quintaris Service", GetServiceName()) << "until the next start";
-  EXPECT_EQ("Renamed", GetConfigurationfromInitFile("ServiceName", "", nullptr));
-  // The cache folder goes by the one-sub-directory rule.
-  mkdir((GetCachePath() + "a").c_str(), 0777);
-  mkdir((GetCachePath() + "b").c_str(), 0777);
-  EXPECT_TRUE(CleanCacheFolder());
-  EXPECT_TRUE(IsFolder(GetCachePath()));
 }
 
 TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {

@@ -29,13 +29,6 @@ int TcpSocket(const char* address, bool listening) {
   return fd;
 }
 
-int PortOf(int fd) {
-  sockaddr_in where{};
-  socklen_t length = sizeof(where);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&where), &length);
-  return ntohs(where.sin_port);
-}
-
 // Runs `prepare` (which places descriptors at 3 and up and returns the
 // LISTEN_* values to set), then the adoption, in a child; its outcome as text.
 std::string Adopt(const std::function<std::vector<std::string>()>& prepare) {
@@ -54,8 +47,11 @@ std::string Adopt(const std::function<std::vector<std::string>()>& prepare) {
     if (qs_host::TakeActivatedSockets(&sockets, &error)) {
       text = "adopted";
       for (const auto& s : sockets) {
+        sockaddr_in where{};
+        socklen_t length = sizeof(where);
+        getsockname(s.fd, reinterpret_cast<sockaddr*>(&where), &length);
         text += " " + std::to_string(s.fd) + (s.tls ? "/https/" : "/http/") +
-                (s.port == PortOf(s.fd) ? "port" : "wrong-port") +
+                (s.port == ntohs(where.sin_port) ? "port" : "wrong-port") +
                 ((fcntl(s.fd, F_GETFD) & FD_CLOEXEC) ? "/cloexec" : "/inherited");
       }
     } else {
@@ -77,9 +73,7 @@ std::string Adopt(const std::function<std::vector<std::string>()>& prepare) {
 }
 
 void Place(int fd, int at) {
-  if (fd == at) return;
-  dup2(fd, at);
-  close(fd);
+  if (fd != at && dup2(fd, at) == at) close(fd);
 }
 
 TEST(SocketActivation, AdoptsLoopbackListenersOnlyWhenHandedToThisProcess) {
