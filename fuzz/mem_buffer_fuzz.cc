@@ -47,7 +47,6 @@ struct Model {
   uint32_t Remaining() const { return position < length ? length - position : 0; }
   bool Grow(uint64_t needed) {
     if (needed <= Capacity()) return true;
-    // A caller's block has no handle and cannot be resized.
     if (growBy == 0 || fail) return false;
     uint64_t capacity = Capacity() + (needed - Capacity() + growBy - 1) / growBy * growBy;
     if (capacity > kLimit) return false;

@@ -8,7 +8,6 @@
 #include <sstream>
 #include <string>
 
-#include "tests/common/temp_dir.h"
 
 namespace {
 
@@ -43,7 +42,8 @@ TEST(IniText, LoadRulesShownByTheSavedText) {
   for (const auto& row : rows) EXPECT_EQ(row.saved, Resaved(row.text)) << row.text;
 }
 
-TEST(IniText, MergingEditingAndFiles) {
+// (Files are read and written through the profile functions' tests.)
+TEST(IniText, MergingAndEditing) {
   CIniFileA ini;
   std::istringstream first("[A]\nk=1\nonly=a\n"), more("[a]\nK=3\nnew=n\n[B]\nb=1\n");
   first >> ini;
@@ -60,14 +60,6 @@ TEST(IniText, MergingEditingAndFiles) {
   std::istringstream replace("[D]\nd=1\n");
   replace >> ini;
   EXPECT_EQ("[D]\nd=1\n", Saved(ini)) << "a plain load starts afresh";
-
-  qs_test::TempDir dir;
-  EXPECT_TRUE(ini.Save(dir / "out.ini"));
-  EXPECT_FALSE(ini.Save(dir / "no/such/folder.ini"));
-  CIniFileA again;
-  EXPECT_TRUE(again.Load(dir / "out.ini"));
-  EXPECT_FALSE(again.Load(dir / "missing.ini"));
-  EXPECT_EQ("1", again.GetKeyValue("d", "D"));
 }
 
 // The wide family matches names with wcsncmp over the shorter length: case

@@ -90,12 +90,6 @@ TEST(ProfileStrings, PathsThatNameNoReadableFile) {
     if (what == "dangling link") symlink((path + ".target").c_str(), path.c_str());
     EXPECT_EQ("", Misbehaviour(path)) << kind;
   }
-  TempDir dir;
-  CIniFileA document;
-  document.SetKeyValue("S", "k", "v");
-  mkfifo((dir / "fifo").c_str(), 0666);
-  EXPECT_FALSE(document.Save(dir / "fifo")) << "a FIFO is not written, and not waited on";
-  EXPECT_FALSE(document.Save(dir.path())) << "nor a folder";
 }
 
 // ---- The document cache -------------------------------------------------------
