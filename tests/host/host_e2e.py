@@ -6,6 +6,7 @@ sockets for what no well-behaved client sends, and python3-websocket.
     host_e2e.py QS_HOST MODULE STANDIN_MODULE PARTIAL_STANDIN_MODULE [TestClass ...]
 """
 import atexit
+import fcntl
 import http.client
 import os
 import re
@@ -34,7 +35,8 @@ class Host:
     """qs-host and a module (the real one, or the stand-in as "standin.so") in
     a folder of their own; stop() sends SIGTERM and expects exit status 0."""
 
-    def __init__(self, args=(), configuration=None, module=None, env=None, port_arg=("--port", "0"), files=None):
+    def __init__(self, args=(), configuration=None, module=None, env=None, port_arg=("--port", "0"), files=None,
+                 handed=None):
         self.folder = tempfile.mkdtemp(prefix="qs_host_e2e_")
         atexit.register(shutil.rmtree, self.folder, True)
         self.module = os.path.join(self.folder, "standin.so" if module else "libFVASManager.so")
@@ -45,9 +47,16 @@ class Host:
             with open(os.path.join(self.folder, name), "w") as out:
                 out.write(text)
         extra = ["--module", self.module] if module else []
-        self.process = subprocess.Popen([os.path.join(self.folder, "qs-host"), *port_arg, *ROOT, *extra, *args],
-                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                                        env=dict(os.environ, **(env or {}), **TSAN))
+        command, fds = [os.path.join(self.folder, "qs-host"), *port_arg, *ROOT, *extra, *args], []
+        if handed:  # (descriptors, LISTEN_FDNAMES, LISTEN_PID): placed from 3 on, as the service manager does
+            fds = [fcntl.fcntl(getattr(fd, "fileno", lambda: fd)(), fcntl.F_DUPFD_CLOEXEC, 10) for fd in handed[0]]
+            moves = " ".join("%d<&%d %d<&-" % (3 + i, fd, fd) for i, fd in enumerate(fds)) or "3<&-"
+            command = ["bash", "-c", 'exec %s; LISTEN_PID=%s LISTEN_FDS=%d LISTEN_FDNAMES=%s exec "$@"'
+                       % (moves, handed[2], max(1, len(fds)), handed[1]), "bash", *command]
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                        pass_fds=fds, env=dict(os.environ, **(env or {}), **TSAN))
+        for fd in fds:
+            os.close(fd)
         self.lines, self.port, self.tls_port = [], None, None
         ready = threading.Event()
 
@@ -360,6 +369,44 @@ class StandIn(unittest.TestCase):
             host = Host(args, module=module)
             self.assertEqual(1, host.wait())
             self.assertIn(text, host.output())
+
+    def test_socket_activation(self):
+        def tcp(address="127.0.0.1", listening=True, kind=socket.SOCK_STREAM):
+            made = socket.socket(socket.AF_INET, kind)
+            made.bind((address, 0))
+            if listening and kind == socket.SOCK_STREAM:
+                made.listen()
+            return made
+
+        self.host.stop()
+        why, pipe = "qs-host: the socket handed over as descriptor 3 ", os.pipe()
+        rows = [  # descriptors, names -> the last line qs-host writes before it gives up
+            ([], "", why + "is not open\n"),
+            ([pipe[0]], "http", why + '("http") is not a socket\n'),
+            ([tcp(listening=False)], "", why + "is not listening\n"),
+            ([tcp("0.0.0.0")], "http", why + '("http") is not bound to a loopback address\n'),
+            ([tcp(kind=socket.SOCK_DGRAM)], "http", why + '("http") is not a stream socket\n'),
+            ([tcp()], "ftp", why + '("ftp") has a name other than "http" or "https"\n'),
+        ]
+        for handed, names, text in rows:
+            host = Host(module=STANDIN, handed=(handed, names, "$$"))
+            self.assertEqual((1, text), (host.wait(), host.lines[-1] if host.lines else ""), names)
+        # Loopback listeners handed to this process are served (TLS only with
+        # a certificate) and not inherited by the module's helpers; handed to
+        # another process, they are not taken.
+        plain, tls = tcp(), tcp()
+        host = Host(module=STANDIN, handed=([plain, tls], "http:https", "$$"))
+        self.assertEqual(plain.getsockname()[1], host.port)
+        self.assertIn("qs-host: the socket handed over for TLS (port %d) is not served: there is no certificate\n"
+                      % tls.getsockname()[1], host.output())
+        for fd in (3, 4):
+            with open("/proc/%d/fdinfo/%d" % (host.process.pid, fd)) as info:
+                self.assertTrue(int(re.search(r"flags:\s+(\d+)", info.read()).group(1), 8) & os.O_CLOEXEC)
+        host.stop()
+        host = Host(module=STANDIN, handed=([plain], "http", "1"))
+        self.assertNotIn(host.port, (None, plain.getsockname()[1]))
+        host.stop()
+
 
 def free_port():
     with socket.socket() as probe:
