@@ -197,14 +197,12 @@ TEST_F(ModuleTest, ImageMapStore) {
 }
 
 // Start-up through DoAction, in a folder of its own: per-user mode (4) with a
-// configuration, the service (0) with the enhanced mode, and a folder where
-// the configuration file should be.
+// configuration, and the service (0) with the enhanced mode.
 TEST_F(ModuleTest, StartUpInTheExecutablesFolder) {
   const std::string configurations[] = {"[QS]\nLogLevel=14\nEnableEnhancedMode=TRUE\nQSVersion=13,0,0,0404\n",
-                                        "[QS]\nEnableEnhancedMode=TRUE\n", "folder"};
+                                        "[QS]\nEnableEnhancedMode=TRUE\n"};
   if (qs_test::InOwnFolder()) {
-    const std::string path = getenv("QS_TEST_OWN_FOLDER") + std::string("/QSConfiguration.ini");
-    const std::string text = qs_test::IsFolder(path) ? "folder" : qs_test::ReadWholeFile(path);
+    const std::string text = qs_test::ReadWholeFile(getenv("QS_TEST_OWN_FOLDER") + std::string("/QSConfiguration.ini"));
     const bool user = text == configurations[0], enhanced = text == configurations[1];
     EXPECT_EQ(1, host_.DoAction(user ? 4 : 0, "/host/exe", "/host/module.so", 99));
     host_.Send("/kxp/", R"({"id":"1","method":"VersionInfo"})");
@@ -216,8 +214,7 @@ TEST_F(ModuleTest, StartUpInTheExecutablesFolder) {
   }
   for (const std::string& configuration : configurations) {
     qs_test::TempDir dir;
-    if (configuration == "folder") mkdir((dir / "QSConfiguration.ini").c_str(), 0755);
-    else qs_test::WriteFile(dir / "QSConfiguration.ini", configuration);
+    qs_test::WriteFile(dir / "QSConfiguration.ini", configuration);
     ASSERT_EQ(0, qs_test::RunInOwnFolder(dir.path())) << configuration;
     EXPECT_TRUE(qs_test::IsFolder(dir / "dump")) << "start-up with the permission flag; " << configuration;
   }

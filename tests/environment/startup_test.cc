@@ -75,7 +75,8 @@ TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {
 
 // Broken configurations (with a file where the log folder should be), and a
 // folder, a FIFO or a dangling link where the configuration file should be:
-// start-up completes with the defaults and what stands at the path stays.
+// start-up completes with the defaults, without waiting on the FIFO, and what
+// stands at the path stays (nothing is written through the link either).
 TEST(Startup, SurvivesBrokenConfigurations) {
   if (qs_test::InOwnFolder()) {
     SetIfServiceProcess(true);

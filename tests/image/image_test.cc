@@ -1,5 +1,7 @@
 // The bitmap normaliser behind the clipboard: packed bitmaps in, a 40-byte
-// header, the colour table and bottom-up padded rows out, or nothing.
+// header, the colour table and bottom-up padded rows out, or nothing. (The
+// clipboard itself, a stored copy handed out normalised, has no caller in the
+// module.)
 #include "image/image.h"
 
 #include <gtest/gtest.h>
@@ -80,20 +82,6 @@ TEST(CreateNormalDIB, NormalisesOrRefuses) {
   static char untracked[64];
   EXPECT_EQ(nullptr, CImage().CreateNormalDIB(untracked)) << "GlobalSize 0";
   gmapMemSize.erase(untracked);
-}
-
-TEST(Clipboard, StoresACopyAndHandsOutANormalisedBitmapEachTime) {
-  EXPECT_EQ(nullptr, GetClipBoard()) << "empty at start";
-  void* dib = MakeDib(1, -2, 32, nullptr, {1, 2, 3, 4, 5, 6, 7, 8});
-  SetClipBoard(dib);
-  GlobalFree(dib);  // the caller keeps, and may free, its own block
-  void* first = GetClipBoard();
-  void* second = GetClipBoard();
-  EXPECT_NE(first, second);
-  EXPECT_EQ("h=2 size=8: 5 6 7 8 1 2 3 4", Normalised(first));
-  GlobalFree(second);
-  SetClipBoard(nullptr);
-  EXPECT_EQ(nullptr, GetClipBoard());
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The profile-string functions and the document cache behind them: the
-// bounded copy, rewrites, paths that name no readable file, and every way a
-// file can change, each seen by the very next read on both ways of knowing a
+// bounded copy, rewrites, and every way a file can change, each seen by the very next read on both ways of knowing a
 // file unchanged (its folder watched, or a stat per use).
 #include "ini/profile.h"
 
@@ -19,7 +18,6 @@
 #include <thread>
 #include <vector>
 
-#include "ini/ini_file.h"
 #include "ini/profile_cache.h"
 #include "tests/common/temp_dir.h"
 
@@ -60,36 +58,6 @@ TEST(ProfileStrings, BoundedCopyLengthsDefaultsAndRewrites) {
   EXPECT_EQ("[A]\nB= w \nk=\n[N]\nk=v\n", ReadWholeFile(file));
   EXPECT_TRUE(WritePrivateProfileStringA("S", "k", "v", (dir / "missing/w.ini").c_str()));
   EXPECT_FALSE(qs_test::PathExists(dir / "missing"));
-}
-
-// What can stand where an INI file is expected. Each must read like a missing
-// file and never be written: no exception, no wait, the path left as it was.
-std::string Misbehaviour(const std::string& path) {
-  struct stat before, after;
-  lstat(path.c_str(), &before);
-  std::string seen;
-  if (Read(path, "S", "k", "dflt") != "dflt") seen += "read did not give the default; ";
-  if (!WritePrivateProfileStringA("S", "k", "new", path.c_str())) seen += "write gave false; ";
-  CIniFileA narrow;
-  CIniFileW wide;
-  if (narrow.Load(path) || wide.Load(path)) seen += "loading reported success; ";
-  if (lstat(path.c_str(), &after) != 0 || after.st_mode != before.st_mode || after.st_size != before.st_size ||
-      after.st_mtim.tv_nsec != before.st_mtim.tv_nsec || after.st_mtim.tv_sec != before.st_mtim.tv_sec) {
-    seen += "the path was changed; ";
-  }
-  if (qs_test::PathExists(path + ".target")) seen += "the link's target was created; ";
-  return seen;
-}
-
-TEST(ProfileStrings, PathsThatNameNoReadableFile) {
-  for (const char* kind : {"folder", "fifo", "dangling link"}) {
-    TempDir dir;
-    const std::string path = dir / "QSConfiguration.ini", what = kind;
-    if (what == "folder") mkdir(path.c_str(), 0755);
-    if (what == "fifo") mkfifo(path.c_str(), 0666);
-    if (what == "dangling link") symlink((path + ".target").c_str(), path.c_str());
-    EXPECT_EQ("", Misbehaviour(path)) << kind;
-  }
 }
 
 // ---- The document cache -------------------------------------------------------
