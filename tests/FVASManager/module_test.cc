@@ -8,7 +8,6 @@
 #include <cstring>
 #include <ctime>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/FVASManager/module_host.h"
@@ -218,34 +217,6 @@ TEST_F(ModuleTest, StartUpInTheExecutablesFolder) {
     ASSERT_EQ(0, qs_test::RunInOwnFolder(dir.path())) << configuration;
     EXPECT_TRUE(qs_test::IsFolder(dir / "dump")) << "start-up with the permission flag; " << configuration;
   }
-}
-
-// Several host threads at once: commands, unknown methods and image records.
-TEST_F(ModuleTest, ConcurrentHostThreads) {
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) threads.emplace_back([&, t] {
-    const char* requests[] = {R"({"id":"1","method":"VersionInfo"})", R"({"id":"2","method":"QSVersion"})",
-                              R"({"id":"3","method":"Nope"})"};
-    for (int i = 0; i < 45; ++i) {
-      host_.Send("/kxp/", requests[i % 3]);
-      const unsigned char value = static_cast<unsigned char>(i);
-      host_.SetImage(("/SetEncryptedImageMap?GUID=" + std::to_string(t)).c_str(), &value, 1);
-      unsigned char record[2052];
-      unsigned int length = 0;
-      if (!host_.GetImage(("/GetEncryptedImageMap?GUID=" + std::to_string(t)).c_str(), record, &length) ||
-          record[0] != value) {
-        ++wrong;
-      }
-    }
-  });
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(0, wrong.load());
-  const std::vector<qs_test::Answer> answers = AnswerLog::Instance().Take();
-  ASSERT_EQ(180u, answers.size());
-  int unknown = 0;
-  for (const auto& answer : answers) unknown += answer.text.find("-2200") != std::string::npos;
-  EXPECT_EQ(60, unknown);
 }
 
 }  // namespace

@@ -615,8 +615,8 @@ class Limits(unittest.TestCase):
 
 
 class ConcurrentClients(unittest.TestCase):
-    """Many HTTP and WebSocket clients at once, mixed commands: every answer
-    comes back to its own request."""
+    """Many HTTP and WebSocket clients at once, mixed commands and image
+    records: every answer comes back to its own request."""
 
     def test_each_answer_reaches_its_request(self):
         host = Host(["--threads", "4"])
@@ -632,12 +632,15 @@ class ConcurrentClients(unittest.TestCase):
                 command = '{"id":"%s","cmdId":"%s","method":%s}' % (tag, tag, method)
                 if name[0] == "h":
                     answer = host.request("POST", "/kxp/", command, {"User-Agent": "e2e"}, connection=c)[2]
+                    record = "/%sEncryptedImageMap?GUID=" + name  # each client's own record
+                    host.request("POST", record % "Set", tag, connection=c)
+                    stored = host.request("GET", record % "Get", connection=c)[2].rstrip(b"\0")
                 else:
                     c.send(command)
-                    answer = c.recv().encode()
-                if not all(part in answer for part in (b'"id" : "%s"' % tag.encode(), expected,
-                                                       b'"cmdId" : "%s"' % tag.encode())):
-                    failures.append((tag, answer[:200]))
+                    answer, stored = c.recv().encode(), tag.encode()
+                if stored != tag.encode() or not all(part in answer for part in (
+                        b'"id" : "%s"' % tag.encode(), expected, b'"cmdId" : "%s"' % tag.encode())):
+                    failures.append((tag, answer[:200], stored))
             c.close()
 
         threads = [threading.Thread(target=client, args=(kind + str(i),)) for kind in "hw" for i in range(4)]
