@@ -1,9 +1,7 @@
 #!/usr/bin/env python3
-"""Writes the ZIP archives the extraction tests read, with Python's zipfile:
-    make_archives.py <folder>
-nested.zip (a file two folders deep without folder entries, an empty file, a
-folder entry), Service_9.zip (an update package holding QSUpdate) and pkg.zip
-(a plain archive without one)."""
+"""make_archives.py <folder>: the update tests' ZIP archives, written with zipfile: nested.zip (a file two
+folders deep without folder entries, an empty file, a folder entry), Service_9.zip (an update package holding
+QSUpdate) and pkg.zip (an archive without one)."""
 import io
 import sys
 import zipfile
