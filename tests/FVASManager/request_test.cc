@@ -3,7 +3,6 @@
 // own helpers.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -58,30 +57,10 @@ TEST(HttpParamRequest, UnusableCommandsAreStillAnswered) {
   }
 }
 
-// Every builder stores its document when it is called (values accumulate on
-// the stack); a value put on the stack without a build does not reach it.
-TEST(HttpParamRequest, EachBuildStoresItsDocumentAtOnce) {
-  Request request = MakeRequest("{\"id\":\"c2\",\"method\":\"V\"}");
-  HttpParamResponse* response = request->GetHttpParamResponse();
-  const std::string head = "{\n   \"id\" : \"c2\",\n   \"method\" : \"V\",\n   \"result\" : [ ";
-  std::string json = "\"j\"", bad = "{\"a\":";
-  const std::pair<std::function<void()>, std::string> builds[] = {
-      {[&] { request->GetStringResultStruct("a", nullptr, 0, 0, ""); }, "\"a\""},
-      {[&] { request->GetResultStruct(0x100000007L, nullptr, 0, 0, ""); }, "\"a\", 7"},
-      {[&] { request->GetBOOLResultStruct(2, nullptr, 0, 0, ""); }, "\"a\", 7, true"},
-      {[&] { request->AddStringResultParam("b", false, 0, "ignored for code 0"); }, "\"a\", 7, true, \"b\""},
-      {[&] { EXPECT_FALSE(request->AddJsonStringResultParam(bad, true, -1, "x")); }, "\"a\", 7, true, \"b\""},
-      {[&] { EXPECT_TRUE(request->AddJsonStringResultParam(json, false, 0, "")); }, "\"a\", 7, true, \"b\", \"j\""},
-  };
-  for (const auto& build : builds) {
-    build.first();
-    request->GetParamStack()->push_back(new Json::Value("unbuilt"));
-    EXPECT_EQ(head + build.second + " ]\n}\n", response->GetJsonResult());
-    delete request->GetParamStack()->back();
-    request->GetParamStack()->pop_back();
-  }
-  // A description with code 0 travels as two values: the text and the module.
-  request = MakeRequest(kPortsCommand);
+// A description with code 0 travels as two values (the text and the module);
+// otherwise it is the document's own member, with the event form.
+TEST(HttpParamRequest, DescriptionsAndTheEventForm) {
+  Request request = MakeRequest(kPortsCommand);
   request->GetResultStruct<int>(6, nullptr, 0, 0, "ok");
   EXPECT_NE(std::string::npos, request->GetHttpParamResponse()->GetJsonResult().find(
                                    "[ \"key\", 6, \"ok\", \"Quintaris Service Manager Module\" ]"));

@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <map>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -153,32 +151,18 @@ TEST(Logging, ConcurrentLinesNeverInterleave) {
 
 // ---- Port registry ----------------------------------------------------------------
 
-using PortMap = std::map<std::string, int>;
-
-TEST(PortRegistry, UserPortsAndNamedLists) {
+// The user's ports as GetPorts reads them (the named lists and writers have
+// no caller in the module).
+TEST(PortRegistry, UserPorts) {
   ServiceFolder folder;
   g_mapSSLPortInMem.clear();
-  WriteFile(g_user_config_file, "[S-1]\nkxp=18625\nkxp_def=18993\nkxp_ssl=18626\nkxp_ssl_def=18994\nfvt=12abc\n"
-                                "[]\nkxp_ssl=30000\nfvt_ssl=0\nkxs_ssl=20000\n");
+  WriteFile(g_user_config_file, "[S-1]\nkxp=18625\nkxp_def=18993\nkxp_ssl=18626\nkxp_ssl_def=18994\nfvt=12abc\n");
   EXPECT_EQ("18625 18993 18626 18994 12 0", std::to_string(GetPort("S-1", "kxp", false, false)) + " " +
                                                 std::to_string(GetPort("S-1", "kxp", true, false)) + " " +
                                                 std::to_string(GetPort("S-1", "kxp", false, true)) + " " +
                                                 std::to_string(GetPort("S-1", "kxp", true, true)) + " " +
                                                 std::to_string(GetPort("S-1", "fvt", false, false)) + " " +
                                                 std::to_string(GetPort("S-1", "kxs", false, true)));
-  SetIfServiceProcess(false);
-  SavePort("S-2", "fvt", true, false, 18625);
-  EXPECT_NE(std::string::npos, ReadWholeFile(g_user_config_file).find("[S-2]\nfvt=18625\nfvt_def=18625\n"));
-  EXPECT_TRUE(ReadUserSSLPort().empty()) << "only in the per-user process mode";
-  SetProgramMode(WorkModeUserProcess);
-  EXPECT_EQ((std::vector<int>{30000, 20000}), ReadUserSSLPort()) << "kxp, fvt, kxs; zeros left out";
-  SetProgramMode(WorkModeService);
-  // A shorter named list leaves stale entries only the count hides.
-  SetIfServiceProcess(true);
-  SavePort(PortMap{{"a", 1}, {"b", 2}, {"c", 3}}, "Port");
-  SavePort(PortMap{{"z", 26}}, "Port");
-  EXPECT_EQ((PortMap{{"z", 26}}), ReadPort("Port", true));
-  EXPECT_EQ((PortMap{{"z", 26}, {"b", 2}, {"c", 3}}), ReadNoSSLPort(false));
 }
 
 // ---- User sessions and desktop commands -----------------------------------------------

@@ -1,7 +1,7 @@
 // The command document: queries, the reader's limits, result documents byte
-// for byte, and a thin table of the converters and URL builders. That nothing
-// throws on any text, and that the styled text is the dependency's reference
-// writer's, are the JSON fuzz target's properties.
+// for byte, and a thin table of the converters. That nothing throws on any
+// text (URL builders included), and that the styled text is the dependency's
+// reference writer's, are the JSON fuzz target's properties.
 #include "json_command/json_command.h"
 
 #include <gtest/gtest.h>
@@ -127,19 +127,6 @@ TEST(Converters, ThinTable) {
                JsonCommand::ConvertDouble(nullptr, &number) || JsonCommand::ConvertDouble(&real, nullptr));
   EXPECT_TRUE(JsonCommand::ConvertDouble(&(real = Parse("2.5")), &number) && number == 2.5);
   EXPECT_TRUE(JsonCommand::ConvertBOOL(&(real = Parse("-3")), &flag) && flag == 1) << "a nonzero number is 1";
-}
-
-TEST(UrlCommands, ThinTable) {
-  EXPECT_EQ((std::map<std::string, std::string>{{"a", "1"}, {"id", "%41"}, {"k", "v=w"}}),
-            JsonCommand::GetURLParamters("&a=1&&id=%41&id=2&k=v=w&flag"))
-      << "the first occurrence wins, nothing is decoded, only the first '=' splits";
-  const std::string image = "{\n   \"id\" : \"5\",\n   \"method\" : \"GetImageByIndex\"";
-  EXPECT_EQ(image + ",\n   \"parameter\" : [ -3, false ]\n}\n", JsonCommand::EncodeURL("thumbnail=TRUE&index=-3x&id=5"));
-  EXPECT_EQ("", JsonCommand::EncodeURL("id=5&index=2"));
-  EXPECT_EQ(image + ",\n   \"parameter\" : [ 1, 640, 480, 2, 0 ]\n}\n",
-            JsonCommand::ParseURL("webcam=x&act=2&height=480&width=640&index=1&id=5"));
-  EXPECT_EQ("{\"id\":\"a\"b\",\"method\":\"M\",\"parameter\":not json}", JsonCommand::EncodeFun("M", "id=a\"b&p=not json"));
-  EXPECT_EQ("", JsonCommand::EncodeFun("Scan", "p=[1]"));
 }
 
 }  // namespace

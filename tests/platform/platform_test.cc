@@ -2,14 +2,12 @@
 // critical sections, threads, time, process helpers, tracked global
 // memory, files and folders, and the reader-writer locks.
 #include <gtest/gtest.h>
-#include <semaphore.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -117,58 +115,27 @@ TEST(Event, GeneratedNames) {
   EXPECT_FALSE(SemaphoreExists(n1)) << "closing unlinks the name";
 }
 
-TEST(Semaphore, ReleasePostsOnceAndFiniteWaitsFail) {
-  int previous = -7;
-  void* sem = CreateSemaphore(nullptr, 0, 10, nullptr);
-  EXPECT_EQ(1, ReleaseSemaphore(sem, 5, &previous));
-  EXPECT_EQ(-7, previous);
-  EXPECT_EQ(0u, WaitForSemaphone(sem, 0));
-  EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(sem, 20)) << "one post whatever the count; a time-out is not 258";
-  CloseSemaphore(sem);
-  EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(nullptr, 10));
-  // A semaphore keeps its name by design: the test removes it.
-  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-    const std::string name = entry.path().filename();
-    if (name.rfind("sem.Sem" + std::to_string(getpid()) + "_", 0) == 0) sem_unlink(name.substr(4).c_str());
-  }
-}
-
 // ---- Critical sections, threads, time ------------------------------------------
 
-std::atomic<bool> g_release{false}, g_cancelled{false}, g_finished{false};
+std::atomic<bool> g_cancelled{false};
 void MarkCancelled(void*) { g_cancelled = true; }
-// Sleeps (a cancellation point) until released, then finishes normally.
-void* WaitForRelease(void*) {
+// Sleeps (a cancellation point) until cancelled.
+void* SleepUntilCancelled(void*) {
   pthread_cleanup_push(MarkCancelled, nullptr);
-  while (!g_release.load()) usleep(1000);
-  g_finished = true;
+  for (;;) usleep(1000);
   pthread_cleanup_pop(0);
   return nullptr;
 }
 
 // A finite timeout never bounds the wait: it cancels the thread, then joins.
-// An infinite one only joins; TerminateThread cancels.
-TEST(Thread, WaitsCancelsAndIds) {
-  for (const char* mode : {"finite", "infinite", "terminate"}) {
-    g_release = g_cancelled = g_finished = false;
-    unsigned int id = 12345;
-    void* handle = CreateThread(nullptr, 0, WaitForRelease, nullptr, 0, &id, nullptr);
-    usleep(20 * 1000);
-    std::thread releaser([&] {
-      usleep(30 * 1000);
-      g_release = true;
-    });
-    if (std::string(mode) == "terminate") TerminateThread(handle, 99);
-    EXPECT_EQ(0, WaitForThread(handle, std::string(mode) == "finite" ? 0 : INFINITE));
-    releaser.join();
-    EXPECT_EQ(std::string(mode) != "infinite", g_cancelled.load()) << mode;
-    EXPECT_EQ(std::string(mode) == "infinite", g_finished.load()) << mode;
-    EXPECT_EQ(12345u, id) << "no id is written";
-    CloseThread(handle);
-  }
+TEST(Thread, AFiniteWaitCancelsTheThread) {
+  unsigned int id = 12345;
+  void* handle = CreateThread(nullptr, 0, SleepUntilCancelled, nullptr, 0, &id, nullptr);
+  EXPECT_EQ(0, WaitForThread(handle, 0));
+  EXPECT_TRUE(g_cancelled.load());
+  EXPECT_EQ(12345u, id) << "no id is written";
+  CloseThread(handle);
   EXPECT_EQ(-1, WaitForThread(nullptr, INFINITE));
-
-  EXPECT_EQ(static_cast<unsigned int>(getpid()), GetCurrentThreadId()) << "the kernel id: the pid on the main thread";
 }
 
 TEST(Time, TicksWrapIn32BitsAndSystemTimeIsLocal) {
@@ -209,17 +176,10 @@ TEST(File, OpensReadsCopiesAndAttributes) {
   const std::string path = dir / "f";
   EXPECT_EQ(nullptr, CreateFile(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
   FILE* file = CreateFile(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, 0, nullptr);
-  unsigned int count = 0;
+  unsigned int count = 0, high = 77;
   EXPECT_TRUE(WriteFile(file, "0123456789", 10, &count, nullptr));
-  EXPECT_EQ(4u, SetFilePointer(file, 4, nullptr, FILE_BEGIN));
-  unsigned int high = 77;
   EXPECT_EQ(10u, GetFileSize(file, &high));
   EXPECT_EQ(77u, high) << "the high part is not written";
-  EXPECT_EQ(4, ftell(file)) << "the position is restored";
-  EXPECT_EQ(8u, SetFilePointer(file, -2, nullptr, FILE_END));
-  char buffer[8] = {0};
-  EXPECT_TRUE(ReadFile(file, buffer, 8, &count, nullptr)) << "a short read at the end is success";
-  EXPECT_STREQ("89", buffer);
   EXPECT_TRUE(QSCloseFile(file));
   // Disposition 2 without the write bit truncates, then opens read-only.
   file = CreateFile(path.c_str(), GENERIC_READ, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
@@ -247,10 +207,6 @@ TEST(File, OpensReadsCopiesAndAttributes) {
   EXPECT_EQ(0u, GetFileAttributes(path.c_str())) << "read-only is never reported";
   EXPECT_EQ(16u, GetFileAttributes(dir.path().c_str()));
   EXPECT_EQ(0xFFFFFFFFu, GetFileAttributes((dir / "missing").c_str()));
-  EXPECT_EQ(0, ImgChmodForLinux(path.c_str()));
-  struct stat st {};
-  stat(path.c_str(), &st);
-  EXPECT_EQ(0777u, st.st_mode & 0777u);
   EXPECT_TRUE(DeleteFile(path.c_str()));
   EXPECT_FALSE(DeleteFile(path.c_str()));
 }
