@@ -196,8 +196,6 @@ class Routes(unittest.TestCase):
         status, reply, record = h.request("GET", get_a)
         self.assertEqual((200, "application/octet-stream", b"0123456789" + b"\0" * 2042),
                          (status, reply["content-type"], record))
-        # One byte more would stop the module's process: refused before it sees it.
-        self.assertEqual(413, h.request("POST", set_a, "X" * 2053, {"Expect": "100-continue"})[0])
         self.assertEqual((204, 404), (h.request("POST", set_a, "")[0], h.request("GET", get_a)[0]), "empty deletes")
         self.assertEqual(400, h.request("POST", "/SetEncryptedImageMap?x=1", "abc")[0])
 
@@ -245,22 +243,17 @@ class Lifecycle(unittest.TestCase):
         host.stop()
 
     def test_call(self):
-        rows = [  # arguments -> exit status, text the output holds (the last line for a usage error)
-            (['{"id":"1","cmdId":"x","method":"QSVersion"}'], 0, '"Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
-            (["--no-user-agent", '{"id":"3","method":"QSVersion"}'], 0, '"exception" : -2205'),
-            ([], 1, "qs-host: call needs a JSON command\n"),
-        ]
         folder = tempfile.mkdtemp(prefix="qs_call_")  # the module's work folder
         atexit.register(shutil.rmtree, folder, True)
         for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
             shutil.copy(source, os.path.join(folder, name))
-        for args, status, text in rows:
-            with self.subTest(args=args):
-                run = subprocess.run([os.path.join(folder, "qs-host"), "call", *ROOT, *args], capture_output=True,
-                                     text=True, env=dict(os.environ, **TSAN))
-                self.assertEqual(status, run.returncode, run.stderr)
-                output = run.stdout + run.stderr
-                self.assertTrue(output.endswith(text) if status else text in run.stdout, output)
+        for args, status, text in (  # arguments -> exit status, text the output holds
+                (['{"id":"1","cmdId":"x","method":"QSVersion"}'], 0, '"Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
+                (["--no-user-agent", '{"id":"3","method":"QSVersion"}'], 0, '"exception" : -2205'),
+                ([], 1, "qs-host: call needs a JSON command\n")):
+            run = subprocess.run([os.path.join(folder, "qs-host"), "call", *ROOT, *args], capture_output=True,
+                                 text=True, env=dict(os.environ, **TSAN))
+            self.assertEqual((status, True), (run.returncode, text in (run.stderr if status else run.stdout)), run.stderr)
 
 
 class StandIn(unittest.TestCase):

@@ -82,7 +82,6 @@ class Package(unittest.TestCase):
                          {(mode, path.split(" -> ")[0]) for mode, _, _, _, _, path in listed if mode[0] != "d"})
         self.assertEqual({"root/root"}, {entry[1] for entry in listed})
         self.assertEqual({"drwxr-xr-x"}, {entry[0] for entry in listed if entry[0][0] == "d"})
-        self.assertEqual("../lib/quintaris/qs-host", os.readlink(os.path.join(self.root, "usr/bin/qs-host")))
         control = os.path.join(self.work, "control")
         run(["dpkg-deb", "-e", self.deb, control])
         for script, line in (("postinst", "deb-systemd-helper --user enable 'qs-host.service'"),

@@ -65,16 +65,6 @@ TEST(CUtilText, ScannersAndEditors) {
 }
 
 TEST(CUtilNumber, ConversionsAndSniffing) {
-  const struct { const char* text; long value; } numbers[] = {
-      {"--12x", 0}, {"x12", 0}, {"-12", -12}, {"---12", -12}, {"-12-3", -12}, {"1x2", 1}, {"-", 0}};
-  for (const auto& n : numbers) EXPECT_EQ(n.value, CUtil::atol(n.text)) << n.text;
-  EXPECT_EQ(12, CUtil::atol("1234", 2));
-  EXPECT_EQ(0, CUtil::ConvertHexToBinary('a')) << "lower-case digits decode as 0";
-  EXPECT_EQ(15, CUtil::ConvertHexToBinary('F'));
-  unsigned char bytes[4] = {9, 9, 9, 9};
-  EXPECT_EQ(1, CUtil::ConvertHexStrToBinaryArray("0A1", bytes)) << "an odd last character is ignored";
-  EXPECT_EQ(10, bytes[0]);
-  EXPECT_EQ(9, bytes[1]);
   char hex[8];
   EXPECT_EQ(7, CUtil::ConvertBinaryArrayToHexStr(reinterpret_cast<const unsigned char*>("\x00\xAB\x10"), 3, hex));
   EXPECT_STREQ("00AB10", hex);
