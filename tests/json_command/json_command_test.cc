@@ -124,7 +124,8 @@ TEST(Converters, ThinTable) {
   std::string copy;
   double number = 0;
   EXPECT_FALSE(JsonCommand::ConvertString(nullptr, &copy) || JsonCommand::ConvertString(&real, nullptr) ||
-               JsonCommand::ConvertDouble(nullptr, &number) || JsonCommand::ConvertDouble(&real, nullptr));
+               JsonCommand::ConvertDouble(nullptr, &number) || JsonCommand::ConvertDouble(&real, nullptr) ||
+               JsonCommand::ConvertInt64(nullptr) != 0);
   EXPECT_TRUE(JsonCommand::ConvertDouble(&(real = Parse("2.5")), &number) && number == 2.5);
   EXPECT_TRUE(JsonCommand::ConvertBOOL(&(real = Parse("-3")), &flag) && flag == 1) << "a nonzero number is 1";
 }

@@ -252,6 +252,10 @@ TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
   ASSERT_TRUE(lock.AcquireWriterLock(INFINITE));
   ASSERT_TRUE(lock.AcquireReaderLock(INFINITE));
   EXPECT_EQ(0x10001u, lock.GetCurrentThreadStatus()) << "reads low, writes high";
+  unsigned int reads = 0, writes = 0;
+  const unsigned int returned = lock.GetCurrentThreadStatus(&reads, &writes);
+  EXPECT_EQ("1 1 1", std::to_string(returned) + " " + std::to_string(reads) + " " + std::to_string(writes))
+      << "with counts asked for, the writes are returned";
   lock.ReleaseReaderLock();
   lock.AcquireWriterLock(INFINITE);
   EXPECT_EQ(1u, lock.WriterCount()) << "the base lock sees the thread once";

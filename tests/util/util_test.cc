@@ -51,6 +51,7 @@ TEST(CUtilText, ScannersAndEditors) {
   char path[] = "/opt/q/file.txt";
   CUtil::TrimWindowsFileName(path);
   EXPECT_STREQ("/opt/q/", path);
+  EXPECT_EQ(3, CUtil::ReverseFindChar("a/b/c", '/'));
 
   // Fields are blocks of their own (length + 1), an empty last field is not one.
   char** fields = nullptr;
@@ -173,6 +174,7 @@ class Recording : public CMemBuffer {
 
 TEST(MemBuffer, ExportedLayoutAndVirtualSlots) {
   EXPECT_EQ(48u, sizeof(CMemBuffer));
+  EXPECT_EQ(0u, CMemBuffer(0).Write("x", 1)) << "without a growth step nothing fits";
   Recording file(16);
   EXPECT_EQ((std::vector<ptrdiff_t>{8, 12, 16, 20, 24, 32, 40}), file.Offsets());
   EXPECT_TRUE(file.WriteString("abc"));
