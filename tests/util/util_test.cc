@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstring>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
