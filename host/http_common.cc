@@ -14,12 +14,10 @@ Response MakeResponse(const Request& request, OriginVerdict verdict, http::statu
   if (!contentType.empty()) response.set(http::field::content_type, contentType);
   response.set(http::field::cache_control, "no-store");
   response.set("X-Content-Type-Options", "nosniff");
-  if (verdict == OriginVerdict::kAnyOrigin) {
-    response.set(http::field::access_control_allow_origin, "*");
-  } else if (verdict == OriginVerdict::kEchoed) {
-    response.set(http::field::access_control_allow_origin, Header(request, http::field::origin));
-    response.set(http::field::vary, "Origin");
-  }
+  const std::string origin = Header(request, http::field::origin);
+  const std::string_view allow = AllowOriginFor(verdict, origin);
+  if (!allow.empty()) response.set(http::field::access_control_allow_origin, allow);
+  if (!allow.empty() && allow != "*") response.set(http::field::vary, "Origin");
   response.body() = std::move(body);
   return response;
 }

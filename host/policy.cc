@@ -74,6 +74,16 @@ bool IsLoopbackOrigin(std::string_view origin) {
   return NameOf(rest, &name) && IsLoopbackName(name);
 }
 
+std::string_view AllowOriginFor(OriginVerdict verdict, std::string_view origin) {
+  switch (verdict) {
+    case OriginVerdict::kAnyOrigin: return "*";
+    case OriginVerdict::kEchoed:
+    case OriginVerdict::kRefused: return origin;
+    case OriginVerdict::kNoOrigin: break;
+  }
+  return {};
+}
+
 RequestPolicy::RequestPolicy(bool corsForAll, std::vector<std::string> extraHosts,
                              std::vector<std::string> extraOrigins)
     : corsForAll_(corsForAll) {

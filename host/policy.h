@@ -51,8 +51,14 @@ enum class OriginVerdict {
   kNoOrigin,   // CORS-all off and no Origin header: served, no CORS headers
   kAnyOrigin,  // CORS-all on: served, "Access-Control-Allow-Origin: *"
   kEchoed,     // an allowed origin: served, the origin echoed
-  kRefused,    // 403
+  kRefused,    // 403, which names the refused origin so the page can read why
 };
+
+// What Access-Control-Allow-Origin says for a verdict: "*", the request's own
+// origin, or nothing (empty). The 403 of a refused origin names that origin:
+// it carries no command result, and a page that can read it tells a refusal
+// apart from a service that is not running.
+std::string_view AllowOriginFor(OriginVerdict verdict, std::string_view origin);
 
 class RequestPolicy {
  public:
