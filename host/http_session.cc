@@ -7,6 +7,7 @@
 
 #include "host/answers.h"
 #include "host/routes.h"
+#include "host/status_page.h"
 #include "host/ws_session.h"
 
 namespace qs_host {
@@ -198,6 +199,10 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
         return Send(Preflight(request_, verdict_), false);
       case Route::kStatusPage:
         return Send(MakeResponse(request_, verdict_, http::status::ok, "text/html; charset=utf-8", host_.page), head);
+      case Route::kClientScript:
+        return Send(MakeResponse(request_, verdict_, http::status::ok, "text/javascript; charset=utf-8",
+                                 std::string(ClientScript())),
+                    head);
       case Route::kGetImage: {
         std::string record;
         if (host_.module->GetImage(std::string(request_.target()), &record)) {

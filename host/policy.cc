@@ -49,6 +49,7 @@ std::uint64_t BodyLimitFor(Route route, std::string_view target) {
     case Route::kModule: return IsUploadTarget(target) ? kUploadBodyLimit : kCommandBodyLimit;
     case Route::kBench: return kCommandBodyLimit;
     case Route::kStatusPage:
+    case Route::kClientScript:
     case Route::kPreflight:
     case Route::kGetImage: return 0;
   }

@@ -11,6 +11,7 @@ bool Contains(std::string_view text, std::string_view part) { return text.find(p
 Route Classify(std::string_view method, std::string_view target, bool benchRoute) {
   if (method == "OPTIONS") return Route::kPreflight;
   if ((method == "GET" || method == "HEAD") && (target == "/" || target == "/index.html")) return Route::kStatusPage;
+  if ((method == "GET" || method == "HEAD") && target == kClientScriptTarget) return Route::kClientScript;
   if (benchRoute && target == kBenchTarget) return Route::kBench;
   // The module looks for these markers anywhere in the URL, so a path that
   // begins with the alias can carry them too; they win over the alias.

@@ -9,12 +9,15 @@ namespace qs_host {
 
 enum class Route {
   kStatusPage,  // GET / : the page compiled into the host
+  kClientScript,  // GET /client/qs-client.js : the browser client, compiled in
   kPreflight,   // OPTIONS on any path: answered by the host (CORS)
   kBench,       // the fixed answer of the load comparison, when enabled
   kGetImage,    // ".../GetEncryptedImageMap?...": GetImage
   kSetImage,    // ".../SetEncryptedImageMap?...": SetImage
   kModule,      // everything else: DistributeCommand
 };
+
+constexpr std::string_view kClientScriptTarget = "/client/qs-client.js";
 
 // The target of the fixed answer used by the load comparison (served only
 // when the host was started with --bench-route).

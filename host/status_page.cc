@@ -6,9 +6,9 @@ namespace qs_host {
 
 namespace {
 
-// Plain HTML and JavaScript, no build step. The commands go out one after the
-// other, each with its own cmdId, because GetPorts needs the user key that
-// VersionInfo hands out (the third value of its result).
+// Plain HTML and JavaScript, no build step; the commands go through the browser
+// client. They go out one after the other, because GetPorts needs the user key
+// that VersionInfo hands out.
 constexpr char kPage[] = R"page(<!DOCTYPE html>
 <html lang="en">
 <head>
@@ -29,7 +29,7 @@ constexpr char kPage[] = R"page(<!DOCTYPE html>
   pre { background: #f6f8fa; border: 1px solid #d1d9e0; padding: .8em; overflow: auto; font-size: .8em; }
 </style>
 </head>
-<body data-state="connecting">
+<body data-state="connecting" data-alias="@ALIAS@">
 <h1>Local device service</h1>
 <p id="status">Connecting&hellip;</p>
 <table>
@@ -47,121 +47,70 @@ constexpr char kPage[] = R"page(<!DOCTYPE html>
 </table>
 <h2>Commands and answers</h2>
 <pre id="log"></pre>
-<script>
-(function () {
-  "use strict";
-  var alias = "@ALIAS@";
-  var address = (location.protocol === "https:" ? "wss://" : "ws://") + location.host + "/" + alias + "/";
-  var socket = null;
-  var pending = null;
-  var finished = false;
+<script type="module">
+import { connect } from "/client/qs-client.js";
 
-  // kind: "" for a value, "note" for an answer that carries a module code,
-  // "error" for no usable answer.
-  function show(id, text, kind) {
-    var cell = document.getElementById(id);
-    cell.textContent = text;
-    cell.className = kind || "";
-  }
-  function status(text, state) {
-    var line = document.getElementById("status");
-    line.textContent = text;
-    line.className = state === "done" ? "ok" : (state === "failed" ? "failed" : "");
-    document.body.setAttribute("data-state", state);
-  }
-  function log(text) {
-    document.getElementById("log").textContent += text + "\n";
-  }
-  function fail(text) {
-    if (finished) return;
-    finished = true;
-    status(text, "failed");
-    if (socket) socket.close();
-  }
-  function errorOf(answer) {
-    return answer.exception ? answer.description + " (" + answer.exception + ")" : "";
-  }
-
-  // Sends one command and calls `then` with its parsed answer.
-  function call(command, then) {
-    var text = JSON.stringify(command);
-    log("\u2192 " + text);
-    pending = { cmdId: command.cmdId, then: then };
-    socket.send(text);
-  }
-
-  function onVersionInfo(answer) {
-    var error = errorOf(answer);
-    var values = answer.result || [];
-    if (error) {
-      show("module", error, "error");
-      show("module-version", "-");
-    } else {
-      show("module", values[1]);
-      show("module-version", values[0]);
-      show("enhanced", values[3] === "true" ? "on" : "off");
-      show("user-key", values[2]);
-    }
-    call({ id: "status", cmdId: "qs-version", method: "QSVersion" }, function (answer) {
-      onQSVersion(answer, error ? "" : values[2]);
-    });
-  }
-
-  function onQSVersion(answer, key) {
-    var error = errorOf(answer);
-    var values = answer.result || [];
-    show("service", error || values[1], error ? "error" : "");
-    show("service-version", error ? "-" : values[0]);
-    call({ id: "status", cmdId: "get-ports", method: "GetPorts", parameter: [key] }, onGetPorts);
-  }
-
-  function onGetPorts(answer) {
-    var error = errorOf(answer);
-    if (error) {
-      show("ports", "none known: " + error, "note");
-    } else {
-      var map = (answer.result || [])[0] || {};
-      var names = Object.keys(map);
-      show("ports", names.length === 0 ? "none registered" : names.map(function (name) {
-        return name + ": " + map[name].port + " (TLS " + map[name].sslPort + ")";
-      }).join(", "));
-    }
-    finished = true;
-    status("Connected to " + address + " \u2014 the module answered every command.", "done");
-    socket.close();
-  }
-
+// kind: "" for a value, "note" for an answer that carries a module code,
+// "error" for no usable answer.
+function show(id, text, kind) {
+  const cell = document.getElementById(id);
+  cell.textContent = text;
+  cell.className = kind || "";
+}
+function status(text, state) {
+  const line = document.getElementById("status");
+  line.textContent = text;
+  line.className = state === "done" ? "ok" : (state === "failed" ? "failed" : "");
+  document.body.setAttribute("data-state", state);
+}
+function log(text) {
+  document.getElementById("log").textContent += text + "\n";
+}
+// A module code is shown where its answer belongs; anything else ends the page's run.
+async function ask(name, run, onError) {
   try {
-    socket = new WebSocket(address);
-  } catch (e) {
-    fail("Cannot open " + address + ": " + e.message);
-    return;
+    const answer = await run();
+    log(name + " \u2192 " + JSON.stringify(answer));
+    return answer;
+  } catch (error) {
+    if (error.code !== "command-error") throw error;
+    log(name + " \u2192 " + error.message);
+    onError(error.description + " (" + error.exception + ")");
+    return null;
   }
-  socket.onopen = function () {
-    status("Connected to " + address + ", asking the module\u2026", "asking");
-    call({ id: "status", cmdId: "version-info", method: "VersionInfo" }, onVersionInfo);
-  };
-  socket.onmessage = function (event) {
-    if (typeof event.data !== "string") return;
-    log("\u2190 " + event.data);
-    var answer;
-    try {
-      answer = JSON.parse(event.data);
-    } catch (e) {
-      fail("The module answered something that is not a result document: " + event.data);
-      return;
-    }
-    if (!pending || answer.cmdId !== pending.cmdId) return;
-    var then = pending.then;
-    pending = null;
-    then(answer);
-  };
-  socket.onerror = function () { fail("The WebSocket to " + address + " failed."); };
-  socket.onclose = function (event) {
-    if (!finished) fail("The WebSocket closed before every answer came (code " + event.code + ").");
-  };
-  setTimeout(function () { fail("No answer within 20 seconds."); }, 20000);
-})();
+}
+
+async function run() {
+  const port = Number(location.port) || (location.protocol === "https:" ? 443 : 80);
+  const session = await connect({ ports: [port], tlsPorts: [port], timeoutMs: 20000 });
+  status("Connected to " + session.url + ", asking the module\u2026", "asking");
+  const info = await ask("VersionInfo", () => session.versionInfo(), (error) => {
+    show("module", error, "error");
+    show("module-version", "-");
+  });
+  if (info) {
+    show("module", info.moduleName);
+    show("module-version", info.protocolVersion);
+    show("user-key", info.userKey);
+    show("enhanced", info.enhancedMode ? "on" : "off");
+  }
+  const version = await ask("QSVersion", () => session.qsVersion(), (error) => show("service", error, "error"));
+  if (version) {
+    show("service", version.name);
+    show("service-version", version.version);
+  }
+  const ports = await ask("GetPorts", () => session.getPorts(info ? info.userKey : ""),
+                          (error) => show("ports", "none known: " + error, "note"));
+  if (ports) {
+    const names = Object.keys(ports);
+    show("ports", names.length === 0 ? "none registered" : names.map((name) =>
+      name + ": " + ports[name].port + " (TLS " + ports[name].sslPort + ")").join(", "));
+  }
+  status("Connected to " + session.url + " \u2014 the module answered every command.", "done");
+  session.close();
+}
+
+run().catch((error) => status(error.message, "failed"));
 </script>
 </body>
 </html>
