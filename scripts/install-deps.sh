@@ -14,6 +14,10 @@ packages=(
 )
 
 missing=()
+# Node.js and npm (the browser client and its tests): Debian's, where the
+# commands are not there already (another Node.js may provide both).
+command -v node >/dev/null || missing+=(nodejs)
+command -v npm >/dev/null || missing+=(npm)
 for p in "${packages[@]}"; do
   status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$p")

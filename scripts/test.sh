@@ -15,8 +15,8 @@ while (($#)); do
   esac
 done
 
-# The host's end-to-end tests use Debian's python3 with python3-websocket and
-# drive Debian's chromium; the package test builds the package (dpkg-dev) and
+# The host's end-to-end tests use Debian's python3 with python3-websocket; the
+# browser client's tests drive Debian's chromium; the package test builds the package (dpkg-dev) and
 # runs it with systemd's tools and strace.
 bash scripts/install-deps.sh chromium python3-websocket dpkg-dev systemd strace
 
@@ -35,4 +35,6 @@ esac
 
 cmake --preset "$preset"
 cmake --build --preset "$preset"
+# The browser client's test packages, exactly as client/package-lock.json names them.
+(cd client && npm ci --no-audit --no-fund --loglevel=error)
 ctest --preset "$preset"
