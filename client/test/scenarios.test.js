@@ -34,11 +34,12 @@ async function startHost({ args = ["--port", "0"], config = DEBUG_LOG } = {}) {
   let output = "";
   const port = await new Promise((resolve, reject) => {
     const timer = setTimeout(() => reject(new Error(`qs-host did not start:\n${output}`)), 60000);
-    child.stdout.on("data", (chunk) => {
+    const read = (chunk) => {
       output += chunk;
       if (output.includes("qs-host: Ctrl-C")) resolve(Number(/listening on http:\/\/127\.0\.0\.1:(\d+)\//.exec(output)[1]));
-    });
-    child.stderr.on("data", (chunk) => (output += chunk));
+    };
+    child.stdout.on("data", read);
+    child.stderr.on("data", read);
     exited.then((code) => reject(new Error(`qs-host exited (${code}):\n${output}`)));
     exited.then(() => clearTimeout(timer));
   }).catch((error) => (child.kill("SIGKILL"), Promise.reject(error)));

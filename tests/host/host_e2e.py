@@ -161,7 +161,7 @@ class Routes(unittest.TestCase):
              b'"Quintaris Service"'),
             ("POST", "/kxp/", '{"id":"5","method":"VersionInfo"}', {}, 200, "application/json",
              b'"exception" : -2205'),  # no User-Agent: browser type 0
-            ("GET", "/", None, ua, 200, "text/html; charset=utf-8", b'var alias = "kxp";'),
+            ("GET", "/", None, ua, 200, "text/html; charset=utf-8", b'data-alias="kxp"'),
             ("GET", "/kxp/", None, ua, 200, "text/plain; charset=utf-8", b"Invalid command"),
             ("POST", "/kxp/LoadZipFromBytes?type=2&qsver=1.2&x=1", b"PK\x03\x04\x00\x00", ua, 200,
              "application/json", b'"result" : [ 2, "1.2", false ]'),
@@ -291,7 +291,7 @@ class StandIn(unittest.TestCase):
         self.assertEqual("connection=5|url=/tst/ws|request=|body=0102|browser=2|domain=http://127.0.0.1:1|socket=yes",
                          ws.recv())
         ws.close()
-        self.assertIn(b'var alias = "tst";', h.request("GET", "/")[2])
+        self.assertIn(b'data-alias="tst"', h.request("GET", "/")[2])
         self.assertIn("qs-host: module %s (alias \"tst\", standin_1)\n" % h.module, h.output())
 
     def test_answers_the_module_gives_or_does_not_give(self):
