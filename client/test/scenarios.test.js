@@ -41,7 +41,7 @@ async function startHost({ args = ["--port", "0"], config = DEBUG_LOG } = {}) {
     child, port, exited,
     reached: () => fs.existsSync(`${folder}/log/qss.log`) && fs.readFileSync(`${folder}/log/qss.log`, "latin1").includes("Receive Command"),
     async stop(expected = 0) {
-      if (child.exitCode === null && child.signalCode === null) child.kill("SIGTERM");
+      child.kill("SIGTERM"); // no effect once it has exited
       assert.equal(await exited, expected, output);
       fs.rmSync(folder, { recursive: true, force: true });
     },
@@ -65,15 +65,9 @@ async function freePort() {
 const PAGE = `<!DOCTYPE html><meta charset="utf-8"><title>page</title><script type="module">
 import * as qs from "/qs-client.js";
 window.qs = qs;
-window.outcome = async (promise) => {
-  const start = performance.now();
-  try {
-    const value = await promise;
-    return { value: value instanceof Uint8Array ? Array.from(value) : value, ms: performance.now() - start };
-  } catch (error) {
-    return { code: error.code, exception: error.exception, message: error.message, ms: performance.now() - start };
-  }
-};
+window.outcome = (promise, start = performance.now()) => promise.then(
+  (value) => ({ value: value instanceof Uint8Array ? Array.from(value) : value, ms: performance.now() - start }),
+  ({ code, exception, message }) => ({ code, exception, message, ms: performance.now() - start }));
 </script>`;
 
 const servePages = () => listen((request, response) => {
@@ -255,19 +249,16 @@ const scenarios = {
 
 for (const [name, run] of Object.entries(scenarios)) {
   test(name, { skip: ONLY !== undefined && ONLY !== name }, async (t) => {
-    const [pages, publicPages] = await Promise.all([servePages(), servePages()]);
-    const publicPort = publicPages.address().port; // a port the browser counts as a public address
-    const browser = await chromium.launch({
-      executablePath: "/usr/bin/chromium",
-      args: [...FLAGS, `--ip-address-space-overrides=127.0.0.1:${publicPort}=public`],
-    });
+    const servers = await Promise.all([servePages(), servePages()]);
+    const [pageOrigin, publicOrigin] = servers.map((server) => `http://127.0.0.1:${server.address().port}`);
+    // The second page server's port counts as a public address.
+    const override = `--ip-address-space-overrides=${publicOrigin.slice(7)}=public`;
+    const browser = await chromium.launch({ executablePath: "/usr/bin/chromium", args: [...FLAGS, override] });
     try {
-      await run({ browser, pageOrigin: `http://127.0.0.1:${pages.address().port}`,
-        publicOrigin: `http://127.0.0.1:${publicPort}`, note: (text) => t.diagnostic(text) });
+      await run({ browser, pageOrigin, publicOrigin, note: (text) => t.diagnostic(text) });
     } finally {
       await browser.close();
-      pages.close();
-      publicPages.close();
+      servers.forEach((server) => server.close());
     }
   });
 }
