@@ -28,10 +28,13 @@ async function startHost({ args = ["--port", "0"], config = DEBUG_LOG } = {}) {
   const child = spawn(`${folder}/qs-host`, [...args, ...(process.getuid() === 0 ? ["--allow-root"] : [])], { env });
   const exited = new Promise((resolve) => child.on("exit", (code, signal) => resolve(code ?? signal)));
   let output = "";
+  const unready = setTimeout(() => child.kill("SIGKILL"), 60000); // a qs-host that never gets ready goes
   const port = await new Promise((resolve, reject) => {
     const read = (chunk) => {
       output += chunk;
-      if (output.includes("qs-host: Ctrl-C")) resolve(Number(/listening on http:\/\/127\.0\.0\.1:(\d+)\//.exec(output)[1]));
+      if (!output.includes("qs-host: Ctrl-C")) return;
+      clearTimeout(unready);
+      resolve(Number(/listening on http:\/\/127\.0\.0\.1:(\d+)\//.exec(output)[1]));
     };
     child.stdout.on("data", read);
     child.stderr.on("data", read);
