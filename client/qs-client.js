@@ -114,7 +114,8 @@ export async function connect(options = {}) {
   }
   if (seen.includes("failed") && (await loopbackPermission()) === "denied") {
     throw new QsError("permission-denied", "The browser did not let this page reach services on this computer (Local Network Access). " +
-      "Allow \"local network access\" for this site in the browser's site settings, then try again.");
+      (globalThis.isSecureContext === false ? "A page served over plain http cannot be allowed: serve it over https."
+        : "Allow \"local network access\" for this site in the browser's site settings, then try again."));
   }
   throw new QsError("service-not-running", `The local device service is not running on this computer (nothing answered on 127.0.0.1, ${where}).`);
 }
