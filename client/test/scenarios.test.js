@@ -127,6 +127,12 @@ const scenarios = {
         Array.from({ length: 2052 }, (_, i) => (i * 7) & 255), padded([5]), null]);
       assert.equal(new Set(seen.many.map(([cmdId]) => cmdId)).size, 200);
       seen.many.forEach(([, key, version, name], i) => assert.deepEqual([key, version, name], [`p${i}`, "", SERVICE.name]));
+      const overHttp = await (await open(browser, pageOrigin)).evaluate(async (port) => {
+        window.WebSocket = function () { throw new Error("no WebSocket on this page"); };
+        const session = await qs.connect({ ports: [port] });
+        return [session.transport, (await session.qsVersion()).name, (await outcome(session.call("NoSuch"))).exception];
+      }, host.port);
+      assert.deepEqual(overHttp, ["http", SERVICE.name, -2200]);
     } finally {
       await host.stop();
     }
