@@ -181,6 +181,7 @@ const scenarios = {
   },
 
   async "no-service"({ browser, pageOrigin, note }) {
+    for (const port of [18625, 18993]) (await listen(() => {}, port)).close(); // EADDRINUSE: the pair is not free
     const seen = await (await open(browser, pageOrigin)).evaluate(() => outcome(qs.connect()));
     note(`service-not-running after ${Math.round(seen.ms)} ms`);
     assert.equal(seen.code, "service-not-running", JSON.stringify(seen));
