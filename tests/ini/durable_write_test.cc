@@ -5,10 +5,13 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -38,11 +41,14 @@ std::vector<std::string> Values(const std::string& file, const char* prefix, int
   return values;
 }
 
-std::vector<std::string> Entries(const std::string& folder) {
+// The names in a folder; with `hidden`, only those starting with "." (the
+// temporaries).
+std::vector<std::string> Entries(const std::string& folder, bool hidden = false) {
   std::vector<std::string> names;
   DIR* dir = opendir(folder.c_str());
   while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+    if (!hidden || entry->d_name[0] == '.') names.push_back(entry->d_name);
   }
   if (dir != nullptr) closedir(dir);
   return names;
@@ -143,6 +149,88 @@ TEST(DurableWrites, ConcurrentWritersLoseNoKeys) {
   EXPECT_EQ(0, lost) << "of " << kBase + 4 * kEach << " keys";
   close(done[0]);
   close(done[1]);
+}
+
+// A write that cannot complete changes nothing and leaves no temporary, and
+// says why; the same write goes through once the obstacle is gone. Each row
+// runs in a child (a mount namespace of its own, or a file size limit).
+TEST(DurableWrites, WritesThatCannotCompleteChangeNothing) {
+  enum Obstacle { kFullDisk, kSizeLimit, kReadOnly };
+  const struct { Obstacle obstacle; int error; const char* name; } rows[] = {
+      {kFullDisk, ENOSPC, "a full 64 KiB tmpfs"},
+      {kSizeLimit, EFBIG, "a file size limit"},
+      {kReadOnly, EACCES, "a read-only file"},
+  };
+  for (const auto& row : rows) {
+    TempDir dir;
+    const std::string folder = dir / "d", file = dir / "d/c.ini", filler = dir / "d/filler";
+    mkdir(folder.c_str(), 0755);
+    const int code = ExitCode(Child([&] {
+      if (row.obstacle == kFullDisk &&
+          (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+           mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=64k") != 0)) {
+        return 77;
+      }
+      std::string text = "[S]\n";
+      for (int i = 0; i < 20; ++i) text += Key("k", i) + "=old\n";
+      WriteFile(file, text);
+      rlimit limit{};
+      getrlimit(RLIMIT_FSIZE, &limit);
+      if (row.obstacle == kFullDisk) WriteFile(filler, std::string(1 << 20, 'x'));  // cut where the disk is full
+      if (row.obstacle == kSizeLimit) {
+        signal(SIGXFSZ, SIG_IGN);
+        rlimit small = limit;
+        small.rlim_cur = text.size() + 100;
+        setrlimit(RLIMIT_FSIZE, &small);
+      }
+      if (row.obstacle == kReadOnly) chmod(file.c_str(), 0444);
+      const std::string value(8000, 'v');
+      if (WritePrivateProfileStringChecked("S", "long", value.c_str(), file.c_str()) != row.error) return 1;
+      if (ReadWholeFile(file) != text) return 2;
+      if (!Entries(folder, true).empty()) return 3;
+      unlink(filler.c_str());
+      setrlimit(RLIMIT_FSIZE, &limit);
+      chmod(file.c_str(), 0644);
+      if (WritePrivateProfileStringChecked("S", "long", value.c_str(), file.c_str()) != 0) return 4;
+      return Values(file, "k", 20) == std::vector<std::string>(20, "old") ? 0 : 5;
+    }));
+    if (code == 77) {
+      std::printf("no tmpfs could be mounted: the file size limit stands in for a full disk\n");
+      continue;
+    }
+    EXPECT_EQ(0, code) << row.name;
+  }
+}
+
+// A rewrite keeps the file's permission bits and owner, writes through a
+// symbolic link without replacing it, and makes a new file as open(2) would.
+TEST(DurableWrites, ModeOwnerAndLinksKept) {
+  TempDir dir;
+  const std::string file = dir / "c.ini", target = dir / "t.ini", link = dir / "l.ini", fresh = dir / "n.ini";
+  WriteFile(file, "[S]\nk=old\n");
+  chmod(file.c_str(), 0640);
+  const bool root = geteuid() == 0;
+  if (root) EXPECT_EQ(0, chown(file.c_str(), 4321, 4322));
+  WriteFile(target, "[S]\nk=old\n");
+  chmod(target.c_str(), 0604);
+  symlink("t.ini", link.c_str());
+  const mode_t mask = umask(027);
+  for (const std::string& path : {file, link, fresh}) {
+    EXPECT_EQ(0, WritePrivateProfileStringChecked("S", "k", "new", path.c_str())) << path;
+    EXPECT_EQ("[S]\nk=new\n", ReadWholeFile(path)) << path;
+  }
+  umask(mask);
+  struct stat st;
+  ASSERT_EQ(0, lstat(file.c_str(), &st));
+  EXPECT_EQ(0640u, st.st_mode & 07777);
+  if (root) EXPECT_TRUE(st.st_uid == 4321 && st.st_gid == 4322);
+  ASSERT_EQ(0, lstat(link.c_str(), &st));
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  ASSERT_EQ(0, lstat(target.c_str(), &st));
+  EXPECT_EQ(0604u, st.st_mode & 07777);
+  ASSERT_EQ(0, lstat(fresh.c_str(), &st));
+  EXPECT_EQ(0640u, st.st_mode & 07777);
+  EXPECT_TRUE(Entries(dir.path(), true).empty());
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <shared_mutex>
 #include <string>
@@ -110,7 +111,16 @@ TEST_P(ProfileCacheTest, EveryChangeIsSeenByTheNextRead) {
          rename((dir / "next.ini").c_str(), file.c_str());
          return std::string("next");
        }},
+      // Vanished, or unreadable, between two lookups: the next one reads as
+      // empty, and what it found is not kept once a file is back.
       {"deleted", [&] { unlink(file.c_str()); return std::string(); }},
+      {"a folder in its place", [&] { unlink(file.c_str()); mkdir(file.c_str(), 0755); return std::string(); }},
+      {"a FIFO in its place", [&] { unlink(file.c_str()); mkfifo(file.c_str(), 0644); return std::string(); }},
+      {"a dangling link in its place", [&] {
+         unlink(file.c_str());
+         symlink("nowhere", file.c_str());
+         return std::string();
+       }},
       {"moved away", [&] { rename(file.c_str(), (dir / "elsewhere.ini").c_str()); return std::string(); }},
       {"written by this process", [&] {
          WritePrivateProfileStringA("S", "k", "own", file.c_str());
@@ -134,7 +144,12 @@ TEST_P(ProfileCacheTest, EveryChangeIsSeenByTheNextRead) {
     WriteFile(file, "[S]\nk=before\n");
     EXPECT_EQ("before", Value(file)) << scenario.first;
     const std::string expected = scenario.second();
+    const unsigned long long hits = ProfileCache::Instance().GetStats().hits;
     EXPECT_EQ(expected, Value(file)) << scenario.first;
+    EXPECT_EQ(expected, Value(file)) << scenario.first;
+    if (expected.empty()) EXPECT_EQ(hits, ProfileCache::Instance().GetStats().hits) << "a read of no file kept: " << scenario.first;
+    struct stat st;
+    if (lstat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) std::filesystem::remove(file);
     WriteFile(file, "[S]\nk=later\n");
     EXPECT_EQ("later", Value(file)) << scenario.first;
     std::system(("rm -rf " + a + " " + moved).c_str());
