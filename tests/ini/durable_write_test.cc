@@ -2,7 +2,6 @@
 // odd files at the path: a file goes from its old text to its new text in one
 // step or not at all, and no writer loses another's keys.
 #include <gtest/gtest.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -11,6 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
 #include <functional>
 #include <random>
 #include <sstream>
@@ -20,6 +22,7 @@
 
 #include "ini/ini_file.h"
 #include "ini/profile.h"
+#include "ini/profile_cache.h"
 #include "tests/common/temp_dir.h"
 
 namespace {
@@ -30,27 +33,27 @@ using qs_test::WriteFile;
 
 std::string Key(const char* prefix, int i) { return prefix + std::to_string(i); }
 
-// The values of `keys` keys named prefix0, prefix1... in section "S" of the
-// file's text; a missing key reads as "?".
-std::vector<std::string> Values(const std::string& file, const char* prefix, int keys) {
+// How many of the keys prefix0, prefix1... in section "S" of the file hold
+// neither value `a` nor `b` (missing ones included).
+int Wrong(const std::string& file, const char* prefix, int keys, const char* a, const char* b = "") {
   CIniFileA document;
   std::istringstream text(ReadWholeFile(file));
   document.Load(text);
-  std::vector<std::string> values;
-  for (int i = 0; i < keys; ++i) values.push_back(document.GetKeyValue("S", Key(prefix, i), "?"));
-  return values;
+  int wrong = 0;
+  for (int i = 0; i < keys; ++i) {
+    const std::string value = document.GetKeyValue("S", Key(prefix, i), "?");
+    wrong += value != a && value != b;
+  }
+  return wrong;
 }
 
-// The names in a folder; with `hidden`, only those starting with "." (the
-// temporaries).
+// The names in a folder; with `hidden`, only the temporaries (".name.tmp").
 std::vector<std::string> Entries(const std::string& folder, bool hidden = false) {
   std::vector<std::string> names;
-  DIR* dir = opendir(folder.c_str());
-  while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
-    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    if (!hidden || entry->d_name[0] == '.') names.push_back(entry->d_name);
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const std::string name = entry.path().filename();
+    if (!hidden || name[0] == '.') names.push_back(name);
   }
-  if (dir != nullptr) closedir(dir);
   return names;
 }
 
@@ -94,9 +97,7 @@ TEST(DurableWrites, KilledWritersLeaveTheOldOrTheNewFile) {
     ExitCode(child);
     close(started[0]);
     close(started[1]);
-    int bad = 0;
-    for (const std::string& value : Values(file, "k", kKeys)) bad += value != "old" && value != "new";
-    damaged += bad > 0;
+    damaged += Wrong(file, "k", kKeys, "old", "new") > 0;
     emptied += ReadWholeFile(file).empty();
     crowded += Entries(dir.path()).size() > 2;
   }
@@ -106,99 +107,90 @@ TEST(DurableWrites, KilledWritersLeaveTheOldOrTheNewFile) {
   EXPECT_EQ(std::vector<std::string>{"c.ini"}, Entries(dir.path()));
 }
 
-// Two processes of two threads each write keys of their own into a file that
-// holds 20 more; a third process reads those 20 meanwhile. No key is lost and
-// the reader never gets the default for a key present in every version.
+// Reads keys b0..b19 until `stop`, counting reads that missed one.
+int MissedReads(const std::string& file, const std::function<bool()>& stop) {
+  int missed = 0;
+  char value[16];
+  for (int i = 0; !stop(); ++i) {
+    GetPrivateProfileStringA("S", Key("b", i % 20).c_str(), "?", value, sizeof(value), file.c_str());
+    missed += strcmp(value, "base") != 0;
+  }
+  return std::min(missed, 100);
+}
+
+// Two processes write keys of their own, each from two threads, into a file
+// that holds 20 more, while a thread of each (its folder watched) and a third
+// process (stamping the file) read those 20. No key is lost, and no read gets
+// the default for a key present in every version of the file.
 TEST(DurableWrites, ConcurrentWritersLoseNoKeys) {
   TempDir dir;
   const std::string file = dir / "c.ini";
-  constexpr int kBase = 20, kEach = 15;
+  constexpr int kEach = 15;
   std::string text = "[S]\n";
-  for (int i = 0; i < kBase; ++i) text += Key("b", i) + "=base\n";
+  for (int i = 0; i < 20; ++i) text += Key("b", i) + "=base\n";
   WriteFile(file, text);
   int done[2];
   ASSERT_EQ(0, pipe(done));
   const pid_t reader = Child([&] {
+    ProfileCache::Instance().SetWatching(false);
     fcntl(done[0], F_SETFL, O_NONBLOCK);
-    int defaults = 0;
-    char byte, value[16];
-    for (int i = 0; read(done[0], &byte, 1) != 1; ++i) {
-      GetPrivateProfileStringA("S", Key("b", i % kBase).c_str(), "?", value, sizeof(value), file.c_str());
-      defaults += strcmp(value, "base") != 0;
-    }
-    return defaults > 250 ? 250 : defaults;
+    char byte;
+    return MissedReads(file, [&] { return read(done[0], &byte, 1) == 1; });
   });
   pid_t writers[2];
   for (int p = 0; p < 2; ++p) writers[p] = Child([&, p] {
+    std::atomic<bool> written{false};
+    int missed = 0;
+    std::thread watcher([&] { missed = MissedReads(file, [&] { return written.load(); }); });
     std::vector<std::thread> threads;
     for (int t = 0; t < 2; ++t) threads.emplace_back([&, t] {
       const std::string prefix = "w" + std::to_string(p * 2 + t) + "_";
       for (int i = 0; i < kEach; ++i) WritePrivateProfileStringA("S", Key(prefix.c_str(), i).c_str(), "x", file.c_str());
     });
     for (auto& thread : threads) thread.join();
-    return 0;
+    written = true;
+    watcher.join();
+    return missed;
   });
-  for (pid_t writer : writers) EXPECT_EQ(0, ExitCode(writer));
+  for (pid_t writer : writers) EXPECT_EQ(0, ExitCode(writer)) << "reads that missed a key, in a writer";
   ASSERT_EQ(1, write(done[1], "x", 1));
-  EXPECT_EQ(0, ExitCode(reader)) << "reads of a present key that got the default";
-  int lost = 0;
-  for (const std::string& value : Values(file, "b", kBase)) lost += value != "base";
-  for (const char* prefix : {"w0_", "w1_", "w2_", "w3_"}) {
-    for (const std::string& value : Values(file, prefix, kEach)) lost += value != "x";
-  }
-  EXPECT_EQ(0, lost) << "of " << kBase + 4 * kEach << " keys";
+  EXPECT_EQ(0, ExitCode(reader)) << "reads that missed a key, in another process";
+  int lost = Wrong(file, "b", 20, "base");
+  for (const char* prefix : {"w0_", "w1_", "w2_", "w3_"}) lost += Wrong(file, prefix, kEach, "x");
+  EXPECT_EQ(0, lost) << "of " << 20 + 4 * kEach << " keys";
   close(done[0]);
   close(done[1]);
 }
 
-// A write that cannot complete changes nothing and leaves no temporary, and
-// says why; the same write goes through once the obstacle is gone. Each row
-// runs in a child (a mount namespace of its own, or a file size limit).
+// A write that cannot complete changes nothing, leaves no temporary and says
+// why. In a child: a full tmpfs in a mount namespace of its own where one can
+// be had, and a file size limit.
 TEST(DurableWrites, WritesThatCannotCompleteChangeNothing) {
-  enum Obstacle { kFullDisk, kSizeLimit, kReadOnly };
-  const struct { Obstacle obstacle; int error; const char* name; } rows[] = {
-      {kFullDisk, ENOSPC, "a full 64 KiB tmpfs"},
-      {kSizeLimit, EFBIG, "a file size limit"},
-      {kReadOnly, EACCES, "a read-only file"},
-  };
-  for (const auto& row : rows) {
+  for (const bool fullDisk : {true, false}) {
     TempDir dir;
-    const std::string folder = dir / "d", file = dir / "d/c.ini", filler = dir / "d/filler";
+    const std::string folder = dir / "d", file = dir / "d/c.ini", text = "[S]\nk=old\n";
     mkdir(folder.c_str(), 0755);
     const int code = ExitCode(Child([&] {
-      if (row.obstacle == kFullDisk &&
-          (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-           mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=64k") != 0)) {
+      if (fullDisk && (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                       mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=64k") != 0)) {
         return 77;
       }
-      std::string text = "[S]\n";
-      for (int i = 0; i < 20; ++i) text += Key("k", i) + "=old\n";
       WriteFile(file, text);
+      WriteFile(folder + "/filler", std::string(fullDisk ? 1 << 20 : 0, 'x'));  // cut where the disk is full
+      signal(SIGXFSZ, SIG_IGN);
       rlimit limit{};
       getrlimit(RLIMIT_FSIZE, &limit);
-      if (row.obstacle == kFullDisk) WriteFile(filler, std::string(1 << 20, 'x'));  // cut where the disk is full
-      if (row.obstacle == kSizeLimit) {
-        signal(SIGXFSZ, SIG_IGN);
-        rlimit small = limit;
-        small.rlim_cur = text.size() + 100;
-        setrlimit(RLIMIT_FSIZE, &small);
-      }
-      if (row.obstacle == kReadOnly) chmod(file.c_str(), 0444);
-      const std::string value(8000, 'v');
-      if (WritePrivateProfileStringChecked("S", "long", value.c_str(), file.c_str()) != row.error) return 1;
-      if (ReadWholeFile(file) != text) return 2;
-      if (!Entries(folder, true).empty()) return 3;
-      unlink(filler.c_str());
+      limit.rlim_cur = fullDisk ? limit.rlim_cur : 1000;
       setrlimit(RLIMIT_FSIZE, &limit);
-      chmod(file.c_str(), 0644);
-      if (WritePrivateProfileStringChecked("S", "long", value.c_str(), file.c_str()) != 0) return 4;
-      return Values(file, "k", 20) == std::vector<std::string>(20, "old") ? 0 : 5;
+      const int error = WritePrivateProfileStringChecked("S", "long", std::string(8000, 'v').c_str(), file.c_str());
+      if (error != (fullDisk ? ENOSPC : EFBIG)) return 1;
+      return ReadWholeFile(file) != text ? 2 : Entries(folder, true).empty() ? 0 : 3;
     }));
     if (code == 77) {
       std::printf("no tmpfs could be mounted: the file size limit stands in for a full disk\n");
-      continue;
+    } else {
+      EXPECT_EQ(0, code) << (fullDisk ? "a full tmpfs" : "a file size limit");
     }
-    EXPECT_EQ(0, code) << row.name;
   }
 }
 
@@ -206,30 +198,27 @@ TEST(DurableWrites, WritesThatCannotCompleteChangeNothing) {
 // symbolic link without replacing it, and makes a new file as open(2) would.
 TEST(DurableWrites, ModeOwnerAndLinksKept) {
   TempDir dir;
-  const std::string file = dir / "c.ini", target = dir / "t.ini", link = dir / "l.ini", fresh = dir / "n.ini";
-  WriteFile(file, "[S]\nk=old\n");
-  chmod(file.c_str(), 0640);
+  WriteFile(dir / "c.ini", "[S]\nk=old\n");
+  WriteFile(dir / "t.ini", "[S]\nk=old\n");
+  chmod((dir / "c.ini").c_str(), 0640);
+  chmod((dir / "t.ini").c_str(), 0604);
+  symlink("t.ini", (dir / "l.ini").c_str());
   const bool root = geteuid() == 0;
-  if (root) EXPECT_EQ(0, chown(file.c_str(), 4321, 4322));
-  WriteFile(target, "[S]\nk=old\n");
-  chmod(target.c_str(), 0604);
-  symlink("t.ini", link.c_str());
+  if (root) ASSERT_EQ(0, chown((dir / "c.ini").c_str(), 4321, 4322));
   const mode_t mask = umask(027);
-  for (const std::string& path : {file, link, fresh}) {
-    EXPECT_EQ(0, WritePrivateProfileStringChecked("S", "k", "new", path.c_str())) << path;
-    EXPECT_EQ("[S]\nk=new\n", ReadWholeFile(path)) << path;
+  const struct { const char* written; const char* changed; mode_t mode; uid_t owner; } rows[] = {
+      {"c.ini", "c.ini", 0640, 4321}, {"l.ini", "t.ini", 0604, 0}, {"n.ini", "n.ini", 0640, 0}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(0, WritePrivateProfileStringChecked("S", "k", "new", (dir / row.written).c_str())) << row.written;
+    EXPECT_EQ("[S]\nk=new\n", ReadWholeFile(dir / row.written)) << row.written;
+    struct stat st;
+    ASSERT_EQ(0, lstat((dir / row.changed).c_str(), &st));
+    EXPECT_EQ(row.mode, st.st_mode & 07777) << row.written;
+    if (root) EXPECT_EQ(row.owner, st.st_uid) << row.written;
   }
   umask(mask);
   struct stat st;
-  ASSERT_EQ(0, lstat(file.c_str(), &st));
-  EXPECT_EQ(0640u, st.st_mode & 07777);
-  if (root) EXPECT_TRUE(st.st_uid == 4321 && st.st_gid == 4322);
-  ASSERT_EQ(0, lstat(link.c_str(), &st));
-  EXPECT_TRUE(S_ISLNK(st.st_mode));
-  ASSERT_EQ(0, lstat(target.c_str(), &st));
-  EXPECT_EQ(0604u, st.st_mode & 07777);
-  ASSERT_EQ(0, lstat(fresh.c_str(), &st));
-  EXPECT_EQ(0640u, st.st_mode & 07777);
+  EXPECT_TRUE(lstat((dir / "l.ini").c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << "the link stays a link";
   EXPECT_TRUE(Entries(dir.path(), true).empty());
 }
 

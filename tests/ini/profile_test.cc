@@ -9,15 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <shared_mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "ini/profile_cache.h"
 #include "tests/common/temp_dir.h"
@@ -187,31 +183,6 @@ TEST_P(ProfileCacheTest, ChildReadsDoNotHideChangesFromTheParent) {
   EXPECT_EQ("new", Value(file));
   close(go[0]);
   close(go[1]);
-}
-
-TEST_P(ProfileCacheTest, ConcurrentReadersAndAWriter) {
-  TempDir dir;
-  const std::string file = dir / "c.ini";
-  WriteFile(file, "[S]\nk=0\n");
-  // Callers serialise writers against readers (the service does so with its
-  // configuration lock); the cache itself must stay consistent under that.
-  std::shared_mutex callers;
-  std::atomic<int> bad{0};
-  std::vector<std::thread> readers;
-  for (int t = 0; t < 3; ++t) readers.emplace_back([&] {
-    for (int i = 0; i < 200; ++i) {
-      std::shared_lock<std::shared_mutex> hold(callers);
-      const std::string v = Value(file);
-      if (v.empty() || v.find_first_not_of("0123456789") != std::string::npos) ++bad;
-    }
-  });
-  for (int i = 1; i <= 100; ++i) {
-    std::unique_lock<std::shared_mutex> hold(callers);
-    WritePrivateProfileStringA("S", "k", std::to_string(i).c_str(), file.c_str());
-  }
-  for (auto& t : readers) t.join();
-  EXPECT_EQ(0, bad.load());
-  EXPECT_EQ("100", Value(file));
 }
 
 }  // namespace
