@@ -145,7 +145,7 @@ int RegularFileUpdate::Lock(const char* path) {
     if (fstat(fd, &m_stat) != 0) return errno;
     if (!S_ISREG(m_stat.st_mode)) return S_ISDIR(m_stat.st_mode) ? EISDIR : EINVAL;
     if (const int error = LockExclusive(fd)) return error;
-    if (stat(m_target.c_str(), &st) != 0 || !SameFile(st, m_stat)) {
+    if (stat(path, &st) != 0 || !SameFile(st, m_stat)) {
       close(m_fd);
       m_fd = -1;
       continue;
