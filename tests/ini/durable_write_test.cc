@@ -120,8 +120,9 @@ int MissedReads(const std::string& file, const std::function<bool()>& stop) {
 
 // Two processes write keys of their own, each from two threads, into a file
 // that holds 20 more, while a thread of each (its folder watched) and a third
-// process (stamping the file) read those 20. No key is lost, and no read gets
-// the default for a key present in every version of the file.
+// process (stamping the file) read those 20. No key is lost, no read gets the
+// default for a key present in every version of the file, and this process,
+// whose cache held the file before the children were forked, sees the change.
 TEST(DurableWrites, ConcurrentWritersLoseNoKeys) {
   TempDir dir;
   const std::string file = dir / "c.ini";
@@ -129,6 +130,8 @@ TEST(DurableWrites, ConcurrentWritersLoseNoKeys) {
   std::string text = "[S]\n";
   for (int i = 0; i < 20; ++i) text += Key("b", i) + "=base\n";
   WriteFile(file, text);
+  char value[8];
+  GetPrivateProfileStringA("S", "w0_0", "?", value, sizeof(value), file.c_str());  // kept by this process's cache
   int done[2];
   ASSERT_EQ(0, pipe(done));
   const pid_t reader = Child([&] {
@@ -155,6 +158,8 @@ TEST(DurableWrites, ConcurrentWritersLoseNoKeys) {
   for (pid_t writer : writers) EXPECT_EQ(0, ExitCode(writer)) << "reads that missed a key, in a writer";
   ASSERT_EQ(1, write(done[1], "x", 1));
   EXPECT_EQ(0, ExitCode(reader)) << "reads that missed a key, in another process";
+  GetPrivateProfileStringA("S", "w0_0", "?", value, sizeof(value), file.c_str());
+  EXPECT_STREQ("x", value) << "the children's reads took this process's change notices";
   int lost = Wrong(file, "b", 20, "base");
   for (const char* prefix : {"w0_", "w1_", "w2_", "w3_"}) lost += Wrong(file, prefix, kEach, "x");
   EXPECT_EQ(0, lost) << "of " << 20 + 4 * kEach << " keys";

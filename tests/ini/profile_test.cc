@@ -162,27 +162,4 @@ TEST_P(ProfileCacheTest, EveryChangeIsSeenByTheNextRead) {
   EXPECT_EQ("two", Value(dir / "link/c.ini"));
 }
 
-// A forked child reads the cache too; the parent must still see every change.
-TEST_P(ProfileCacheTest, ChildReadsDoNotHideChangesFromTheParent) {
-  TempDir dir;
-  const std::string file = dir / "c.ini";
-  WriteFile(file, "[S]\nk=old\n");
-  EXPECT_EQ("old", Value(file));
-  int go[2];
-  ASSERT_EQ(0, pipe(go));
-  const pid_t child = fork();
-  if (child == 0) {
-    char byte;
-    _exit(read(go[0], &byte, 1) == 1 && Value(file) == "new" ? 0 : 1);
-  }
-  WriteFile(file, "[S]\nk=new\n");
-  ASSERT_EQ(1, write(go[1], "x", 1));
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_EQ("new", Value(file));
-  close(go[0]);
-  close(go[1]);
-}
-
 }  // namespace
