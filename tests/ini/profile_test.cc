@@ -143,7 +143,8 @@ TEST_P(ProfileCacheTest, EveryChangeIsSeenByTheNextRead) {
     const unsigned long long hits = ProfileCache::Instance().GetStats().hits;
     EXPECT_EQ(expected, Value(file)) << scenario.first;
     EXPECT_EQ(expected, Value(file)) << scenario.first;
-    if (expected.empty()) EXPECT_EQ(hits, ProfileCache::Instance().GetStats().hits) << "a read of no file kept: " << scenario.first;
+    EXPECT_TRUE(!expected.empty() || hits == ProfileCache::Instance().GetStats().hits)
+        << "a read of no file kept: " << scenario.first;
     struct stat st;
     if (lstat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) std::filesystem::remove(file);
     WriteFile(file, "[S]\nk=later\n");
