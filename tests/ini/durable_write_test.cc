@@ -85,9 +85,9 @@ TEST(DurableWrites, KilledWritersLeaveTheOldOrTheNewFile) {
     int started[2];
     ASSERT_EQ(0, pipe(started));
     const pid_t child = Child([&] {
+      if (write(started[1], "x", 1) != 1) return 1;
       for (int i = 0;; ++i) {
         WritePrivateProfileStringA("S", Key("k", i % kKeys).c_str(), i / kKeys % 2 ? "old" : "new", file.c_str());
-        if (i == 0 && write(started[1], "x", 1) != 1) return 1;
       }
     });
     char byte;
