@@ -10,7 +10,6 @@
 #include "environment/log.h"
 #include "environment/program_info.h"
 #include "ini/profile.h"
-#include "platform/format.h"
 #include "platform/process_flags.h"
 #include "platform/rwlock.h"
 #include "util/win_string.h"
@@ -56,11 +55,10 @@ bool GetConfigurationfromInitFile(const std::string& key, const char* defaultVal
 void SetConfigurationToInitFile(const std::string& key, const std::string& value, const char* section) {
   if (!GetIfServiceProcess()) return;
   ScopedWriterLock hold(g_csWriteLog);
-  if (!WritePrivateProfileStringA(section != nullptr ? section : appName, key.c_str(), value.c_str(),
-                                  g_init_file.c_str())) {
-    unsigned int error = GetLastError();
-    LogDebug("Set configuration to init file failed. Key = %s, Value = %s. (%d)", key.c_str(), value.c_str(),
-             static_cast<int>(error));
+  const int error = WritePrivateProfileStringChecked(section != nullptr ? section : appName, key.c_str(),
+                                                     value.c_str(), g_init_file.c_str());
+  if (error != 0) {
+    LogDebug("Set configuration to init file failed. Key = %s, Value = %s. (%d)", key.c_str(), value.c_str(), error);
   }
 }
 

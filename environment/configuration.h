@@ -29,7 +29,9 @@ std::string GetConfigurationfromInitFile(const std::string& key, const char* def
 // A flag from section "QS" of the system file: true for "TRUE" in any case.
 bool GetConfigurationfromInitFile(const std::string& key, const char* defaultValue);
 
-// Only the service process writes; a null section means "QS".
+// Only the service process writes; a null section means "QS". A write that
+// does not reach the file (which then stays as it was) is logged at Debug
+// level with its error number.
 void SetConfigurationToInitFile(const std::string& key, const std::string& value, const char* section);
 void SetConfigurationToInitFile(const std::string& key, int value, const char* section);
 

@@ -21,6 +21,7 @@
 #include "environment/log.h"
 #include "environment/program_info.h"
 #include "platform/process.h"
+#include "platform/regular_file.h"
 #include "util/util.h"
 
 extern char** environ;
@@ -184,12 +185,8 @@ std::string WriteDisplayOfProcess(int pid, const std::string& procRoot, const st
       DisplayFromEnvironment(ReadFileBytes(procRoot + "/" + std::to_string(pid) + "/environ"));
   // The value is written as it is: it comes from another user's process and
   // is never shown to a shell.
-  FILE* file = fopen(outputFile.c_str(), "wb");
-  if (file != nullptr) {
-    fwrite(display.data(), 1, display.size(), file);
-    fputc('\n', file);
-    fclose(file);
-  }
+  // Replaced in one step: a helper reading the file never finds it empty.
+  ReplaceRegularFile(outputFile.c_str(), display + "\n");
   return display;
 }
 

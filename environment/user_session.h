@@ -133,7 +133,7 @@ int FindPeerPid(int port);
 // last DISPLAY line wins. "" when there is none.
 std::string DisplayFromEnvironment(const std::string& block);
 // Reads procRoot + "/<pid>/environ", and writes its DISPLAY value followed by a
-// line feed into `outputFile` (created or truncated). Returns the value.
+// line feed into `outputFile`, replaced in one step (platform/regular_file.h). Returns the value.
 std::string WriteDisplayOfProcess(int pid, const std::string& procRoot, const std::string& outputFile);
 // The full GetDisplayEnv flow with the /proc root and the output file given.
 std::string GetDisplayEnvTo(int socket, const std::string& procRoot, const std::string& outputFile);

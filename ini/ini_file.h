@@ -195,8 +195,9 @@ class BasicIniFile {
   // dangling link; see platform/regular_file.h).
   bool Load(const std::string& fileName, bool merge = false);
   void Save(typename Traits::OStream& output) const;
-  // Replaces the file; false, with nothing written, when the path names
-  // anything but a regular file or cannot be opened for writing.
+  // Replaces the file in one step (see platform/regular_file.h); false, with
+  // the file unchanged, when the path names anything but a regular file, the
+  // file is read-only or the new text cannot be written in full.
   bool Save(const std::string& fileName) const;
 
   const SectionIndex& GetSections() const { return m_sections; }

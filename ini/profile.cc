@@ -1,6 +1,8 @@
 #include "ini/profile.h"
 
+#include <cerrno>
 #include <cstring>
+#include <sstream>
 
 #include "ini/profile_cache.h"
 #include "platform/regular_file.h"
@@ -19,16 +21,26 @@ unsigned int GetPrivateProfileStringA(const char* section, const char* key, cons
   return static_cast<unsigned int>(strlen(value.c_str()));
 }
 
-bool WritePrivateProfileStringA(const char* section, const char* key, const char* value, const char* fileName) {
-  if (fileName == nullptr) return true;
+int WritePrivateProfileStringChecked(const char* section, const char* key, const char* value, const char* fileName) {
+  if (fileName == nullptr) return EINVAL;
+  RegularFileUpdate update(fileName);
+  std::string bytes;
+  // What cannot be read (a folder, a FIFO, a dangling link) is refused before
+  // anything is written: rewriting it from an empty document would lose
+  // every key it holds.
+  if (const int error = update.Read(&bytes)) return error;
   CIniFileA document;
-  // Only a file that is missing starts from an empty document. Anything else
-  // that cannot be read (a folder, a FIFO, a file without read permission, a
-  // dangling link) cannot be written either: rewriting it from an empty
-  // document would lose every key it holds.
-  if (!document.Load(std::string(fileName), false) && !NothingAtPath(fileName)) return true;
+  std::istringstream input(bytes);
+  document.Load(input, false);
   document.SetKeyValue(section != nullptr ? section : "", key != nullptr ? key : "", value != nullptr ? value : "");
-  document.Save(std::string(fileName));
+  std::ostringstream output;
+  document.Save(output);
+  const int error = update.Replace(output.str());
   ProfileCache::Instance().Invalidate(fileName);
-  return true;
+  return error;
+}
+
+bool WritePrivateProfileStringA(const char* section, const char* key, const char* value, const char* fileName) {
+  if (const int error = WritePrivateProfileStringChecked(section, key, value, fileName)) errno = error;
+  return true;  // kept: true in every case; the outcome is errno
 }

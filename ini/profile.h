@@ -3,7 +3,8 @@
 // Every call sees the file as it is on disk now: edits by another process or
 // by hand are seen by the very next call. Parsed documents are kept between
 // calls, but only while a stat of the file shows the same file unchanged (see
-// profile_cache.h). Locking between callers is the callers' business.
+// profile_cache.h). Writers of one file exclude each other (see below);
+// readers take no lock and see each rewrite whole or not at all.
 #pragma once
 
 // Copies the value of `key` in `section` (names matched case-blind), or
@@ -18,9 +19,24 @@ unsigned int GetPrivateProfileStringA(const char* section, const char* key, cons
 
 // Loads the file, sets the key (creating section and key as needed; existing
 // names keep their stored spelling) and rewrites the whole file in the
-// document's own format: comments and unrecognised lines are dropped. Always
-// true, also when the file could not be written. A missing file is created
-// (when its folder exists); a path that names something that cannot be read
-// (a folder, a FIFO, a file without read permission, a dangling link) is left
-// untouched.
+// document's own format: comments and unrecognised lines are dropped. The
+// file changes from its old text to its new text in one step, or not at all
+// (see platform/regular_file.h). Always true, also when the file could not be
+// written (the outcome is errno then; WritePrivateProfileStringChecked tells
+// it). A missing file is created when its folder exists; a path that names
+// something that cannot be read (a folder, a FIFO, a dangling link) or a
+// read-only file is left untouched.
+//
+// Load, change and rewrite hold the file's lock throughout, so concurrent
+// writers of one file, threads or processes, never lose each other's keys:
+// a write that lands between another writer's load and its rewrite is kept,
+// where plain last-writer-wins would drop it. Callers may still serialise
+// among themselves as before; nothing relies on it any more.
 bool WritePrivateProfileStringA(const char* section, const char* key, const char* value, const char* fileName);
+
+// The same write, telling its outcome: 0 when the file now holds the new
+// text, else the error number of what stopped it (ENOENT: no such folder or
+// link target; EISDIR or EINVAL: not a regular file; EACCES: read-only; ENOSPC,
+// EDQUOT, EFBIG, EIO...: the new text could not be written), with the file
+// unchanged.
+int WritePrivateProfileStringChecked(const char* section, const char* key, const char* value, const char* fileName);

@@ -136,62 +136,77 @@ ProfileCache::Entry* ProfileCache::WatchedEntry(const char* fileName) {
   const int watchId = m_watch.Watch(FolderOf(fileName));
   if (watchId < 0) return nullptr;
   // The folder is watched before the file is read, so any change after this
-  // read leaves a notice that drops the entry. What cannot be read (missing,
-  // a folder, a FIFO...) is cached as the empty document it reads as.
-  Entry entry;
-  entry.watchId = watchId;
-  std::string bytes;
-  if (ReadRegularFile(fileName, &bytes)) {
+  // read leaves a notice that drops the entry. A read is kept only when no
+  // notice of its file arrived while it ran (one that did may have met the
+  // file half-written); it is tried again a few times, then handed to the
+  // caller alone. What cannot be read (missing, gone meanwhile, a folder, a
+  // FIFO...) reads as empty and is never kept.
+  m_unkept = Entry();
+  m_unkept.document = EmptyDocument();
+  const std::string path(fileName);
+  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+    std::string bytes;
+    if (!ReadRegularFile(fileName, &bytes)) return &m_unkept;
+    Entry entry;
+    entry.watchId = watchId;
     entry.document = Parse(bytes);
     ++m_stats.parses;
-  } else {
-    entry.document = EmptyDocument();
+    m_unkept.document = entry.document;
+    m_entries.insert_or_assign(path, std::move(entry));
+    DrainNotices();
+    found = m_entries.find(path);
+    if (found != m_entries.end()) return &found->second;
   }
-  return &m_entries.insert_or_assign(std::string(fileName), std::move(entry)).first->second;
+  return &m_unkept;
 }
 
 std::shared_ptr<const CIniFileA> ProfileCache::GetStamped(const char* fileName) {
-  struct stat st;
-  if (stat(fileName, &st) != 0) {
-    Invalidate(fileName);
-    return EmptyDocument();
-  }
-  const Stamp stamp = StampOf(st);
-
-  std::lock_guard<std::mutex> hold(m_mutex);
-  auto found = m_entries.find(std::string_view(fileName));
-  if (found != m_entries.end() && found->second.watchId < 0 && found->second.stamp == stamp) {
-    Entry& entry = found->second;
-    if (entry.readAtNs - entry.stamp.mtimeNs >= kRacyWindowNs) {
-      ++m_stats.hits;
-      return entry.document;
+  // A read is kept only when the file it read still carries the stamp taken
+  // before it; otherwise it is tried again, then handed to the caller alone.
+  std::shared_ptr<const CIniFileA> unkept = EmptyDocument();
+  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+    struct stat st;
+    if (stat(fileName, &st) != 0) {
+      Invalidate(fileName);
+      return EmptyDocument();
     }
-    // Racily clean: the file may have changed within the same clock tick.
-    const long long readAt = WallClockNs();
-    std::string bytes;
-    if (ReadRegularFile(fileName, &bytes) && bytes == entry.bytes) {
-      entry.readAtNs = readAt;
-      ++m_stats.racyRereads;
-      return entry.document;
-    }
-  }
+    const Stamp stamp = StampOf(st);
 
-  Entry entry;
-  entry.stamp = stamp;
-  entry.readAtNs = WallClockNs();
-  if (!ReadRegularFile(fileName, &entry.bytes)) {
+    std::lock_guard<std::mutex> hold(m_mutex);
+    auto found = m_entries.find(std::string_view(fileName));
+    if (found != m_entries.end() && found->second.watchId < 0 && found->second.stamp == stamp) {
+      Entry& entry = found->second;
+      if (entry.readAtNs - entry.stamp.mtimeNs >= kRacyWindowNs) {
+        ++m_stats.hits;
+        return entry.document;
+      }
+      // Racily clean: the file may have changed within the same clock tick.
+      const long long readAt = WallClockNs();
+      std::string bytes;
+      if (ReadRegularFile(fileName, &bytes) && bytes == entry.bytes) {
+        entry.readAtNs = readAt;
+        ++m_stats.racyRereads;
+        return entry.document;
+      }
+    }
     if (found != m_entries.end()) m_entries.erase(found);
-    return EmptyDocument();
-  }
-  entry.document = Parse(entry.bytes);
-  ++m_stats.parses;
-  std::shared_ptr<const CIniFileA> document = entry.document;
-  if (found != m_entries.end()) {
-    found->second = std::move(entry);
-  } else {
+
+    Entry entry;
+    entry.stamp = stamp;
+    entry.readAtNs = WallClockNs();
+    struct stat seen;
+    if (!ReadRegularFile(fileName, &entry.bytes, &seen)) return EmptyDocument();
+    entry.document = Parse(entry.bytes);
+    ++m_stats.parses;
+    if (!(StampOf(seen) == stamp)) {
+      unkept = entry.document;
+      continue;
+    }
+    std::shared_ptr<const CIniFileA> document = entry.document;
     m_entries.emplace(fileName, std::move(entry));
+    return document;
   }
-  return document;
+  return unkept;
 }
 
 void ProfileCache::Invalidate(const char* fileName) {

@@ -18,7 +18,10 @@
 //    and compared byte for byte on every use until that moment is older than
 //    the window.
 //
-// Either way the very next read after a change sees it. Documents are
+// Either way, a read is kept only when the file did not change while it ran
+// (a read that may have met a half-written file is tried again), and a read
+// that found no readable file (missing, gone, a folder, a FIFO...) reads as
+// empty and is never kept. The very next read after a change sees it. Documents are
 // immutable once published, so any number of threads may read them at once.
 // A forked child starts with an empty cache of its own.
 #pragma once
@@ -35,6 +38,9 @@
 class ProfileCache {
  public:
   static constexpr long long kRacyWindowNs = 1000000000LL;
+  // Reads of a file that changes while they run, before one is handed out
+  // without being kept.
+  static constexpr int kReadAttempts = 3;
 
   static ProfileCache& Instance();
 
@@ -109,4 +115,5 @@ class ProfileCache {
   // Looked up by the caller's text without building a string each time.
   std::map<std::string, Entry, std::less<>> m_entries;
   Stats m_stats;
+  Entry m_unkept;  // what WatchedEntry hands out without keeping it
 };

@@ -59,6 +59,11 @@ TEST(Configuration, FlagsReadsAndWhoWrites) {
   SetConfigurationToInitFile("LogLevel", 14, nullptr);
   SetConfigurationToInitFile("Name", std::string("x y"), "Extra");
   EXPECT_EQ("[Extra]\nName=x y\n[QS]\nLogLevel=14\n", folder.Configuration());
+  chmod(g_init_file.c_str(), 0444);  // a write that cannot be made is logged with its error number
+  SetConfigurationToInitFile("Server", std::string("h"), nullptr);
+  EXPECT_EQ("[Extra]\nName=x y\n[QS]\nLogLevel=14\n", folder.Configuration());
+  EXPECT_NE(std::string::npos,
+            folder.ServiceLog().find("]: Set configuration to init file failed. Key = Server, Value = h. (13)\n"));
 }
 
 // ---- Logging ------------------------------------------------------------------------
