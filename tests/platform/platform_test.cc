@@ -283,6 +283,32 @@ TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
   upgrader.wait();
   EXPECT_EQ(0x10002u, status.load());
   EXPECT_EQ(0u, lock.ReaderCount() + lock.WriterCount());
+
+  // Beside another reader, an upgrade that may not wait, or whose wait runs
+  // out, leaves the thread reading as before.
+  OtherReader holder(lock);
+  ASSERT_TRUE(lock.AcquireReaderLock(INFINITE));
+  EXPECT_FALSE(lock.AcquireWriterLock(0) || lock.AcquireWriterLock(30));
+  EXPECT_EQ("1 2 0", std::to_string(lock.GetCurrentThreadStatus()) + " " + std::to_string(lock.ReaderCount()) + " " +
+                         std::to_string(lock.WriterCount()));
+  // With a writer queued, an upgrade whose wait runs out waits on as a reader
+  // and takes the lock after that writer has been and gone.
+  std::atomic<bool> writerDone{false};
+  auto writer = std::async(std::launch::async, [&] {
+    lock.AcquireWriterLock(INFINITE);
+    writerDone = true;
+    lock.ReleaseWriterLock();
+  });
+  WaitUntil([&] { return lock.WriterCount() == 1; });
+  auto release = std::async(std::launch::async, [&] {
+    WaitUntil([&] { return lock.WaitingReaderCount() == 1; });
+    holder.Release();
+  });
+  EXPECT_TRUE(lock.AcquireWriterLock(30));
+  EXPECT_TRUE(writerDone.load()) << "the queued writer went first";
+  EXPECT_EQ(0x10001u, lock.GetCurrentThreadStatus());
+  lock.ReleaseAllLocks();
+  EXPECT_EQ(0u, lock.ReaderCount() + lock.WriterCount());
 }
 
 TEST(ReaderWriterLock, WritersGoFirstAndEveryBlockedReaderProceeds) {
