@@ -98,9 +98,9 @@ Json::Value Parse(const char* text) {
 // Every converter on one value, as one line: ConvertInt, (ok:out) of
 // ConvertInt, ConvertShort and ConvertUInt, ConvertInt64, ConvertDouble and
 // (ok:out), ConvertBOOL and (ok:out), (ok:out) of ConvertUChar and
-// ConvertString, (ok:count:elements) of ConvertIntArray. Untouched outputs keep
-// the sentinels 77, 7, "-" and -9.
-std::string AllConversions(const Json::Value& v) {
+// ConvertString, (ok:count:elements) of ConvertIntArray, (ok:members) of
+// ConvertObject. Untouched outputs keep the sentinels 77, 7, "-" and -9.
+std::string AllConversions(const Json::Value* v) {
   int i = 77, count = -9, *numbers = nullptr;
   short s = 77;
   unsigned int u = 77;
@@ -108,65 +108,48 @@ std::string AllConversions(const Json::Value& v) {
   signed char b = 7;
   unsigned char c = 77;
   std::string t = "-";
+  std::map<std::string, Json::Value*> members;
   std::ostringstream line;
-  line << JsonCommand::ConvertInt(&v) << " " << JsonCommand::ConvertInt(&v, &i) << ":" << i;
-  line << " " << JsonCommand::ConvertShort(&v, &s) << ":" << s << " " << JsonCommand::ConvertUInt(&v, &u) << ":" << u;
-  line << " " << JsonCommand::ConvertInt64(&v) << " " << JsonCommand::ConvertDouble(&v);
-  line << " " << JsonCommand::ConvertDouble(&v, &d) << ":" << d << " " << int(JsonCommand::ConvertBOOL(&v));
-  line << " " << JsonCommand::ConvertBOOL(&v, &b) << ":" << int(b) << " " << JsonCommand::ConvertUChar(&v, &c) << ":"
+  line << JsonCommand::ConvertInt(v) << " " << JsonCommand::ConvertInt(v, &i) << ":" << i;
+  line << " " << JsonCommand::ConvertShort(v, &s) << ":" << s << " " << JsonCommand::ConvertUInt(v, &u) << ":" << u;
+  line << " " << JsonCommand::ConvertInt64(v) << " " << JsonCommand::ConvertDouble(v);
+  line << " " << JsonCommand::ConvertDouble(v, &d) << ":" << d << " " << int(JsonCommand::ConvertBOOL(v));
+  line << " " << JsonCommand::ConvertBOOL(v, &b) << ":" << int(b) << " " << JsonCommand::ConvertUChar(v, &c) << ":"
        << int(c);
-  line << " " << JsonCommand::ConvertString(&v, &t) << ":" << t;
-  line << " " << JsonCommand::ConvertIntArray(&v, &numbers, &count) << ":" << count;
+  line << " " << JsonCommand::ConvertString(v, &t) << ":" << t;
+  line << " " << JsonCommand::ConvertIntArray(v, &numbers, &count) << ":" << count;
   for (int n = 0; n < count; ++n) line << (n == 0 ? ":" : "+") << numbers[n];
+  line << " " << JsonCommand::ConvertObject(v, &members) << ":" << members.size();
+  for (auto& member : members) delete member.second;
   delete[] numbers;
   return line.str();
 }
 
-// One row per JSON kind and per surprising text; the lines are described with
-// each converter in the header.
+// One row per JSON kind (a null pointer first) and per surprising text.
 TEST(Converters, EveryKindThroughEveryConverter) {
   const struct { const char* json; const char* line; } rows[] = {
-      {"null", "0 0:-1 0:-1 0:0 0 0 0:0 0 1:0 0:0 1:NULL 1:0"},
-      {"{\"a\":1}", "0 0:-1 0:-1 0:0 0 0 0:0 0 0:7 0:0 0:- 0:-9"},
-      {"[5, \"6\", true]", "0 0:-1 0:-1 0:0 0 0 0:0 0 0:7 0:0 1:[ 5, \"6\", true ]\n 0:3:5+6+0"},
-      {"[]", "0 0:-1 0:-1 0:0 0 0 0:0 0 0:7 0:0 1:[]\n 1:0"},
-      {"true", "1 0:-1 0:-1 0:0 0 1 0:0 1 1:1 0:0 1:true 0:-9"},
-      {"false", "0 0:-1 0:-1 0:0 0 0 0:0 0 1:0 0:0 1:false 0:-9"},
-      {"-4294967299", "-3 1:-3 1:-3 1:4294967293 -4294967299 -4.29497e+09 1:-4.29497e+09 1 1:1 1:253 1:-4294967299 1:1:-3"},
+      {nullptr, "0 0:77 0:77 0:77 0 0 0:77 0 0:7 0:77 0:- 0:-9 0:0"},
+      {"null", "0 0:-1 0:-1 0:0 0 0 0:0 0 1:0 0:0 1:NULL 1:0 0:0"},
+      {"{\"a\":1}", "0 0:-1 0:-1 0:0 0 0 0:0 0 0:7 0:0 0:- 0:-9 1:1"},
+      {"[5, \"6\", true]", "0 0:-1 0:-1 0:0 0 0 0:0 0 0:7 0:0 1:[ 5, \"6\", true ]\n 0:3:5+6+0 0:0"},
+      {"true", "1 0:-1 0:-1 0:0 0 1 0:0 1 1:1 0:0 1:true 0:-9 0:0"},
+      {"-4294967299", "-3 1:-3 1:-3 1:4294967293 -4294967299 -4.29497e+09 1:-4.29497e+09 1 1:1 1:253 1:-4294967299 "
+                      "1:1:-3 0:0"},
       {"18446744073709551614", "-2 1:-2 1:-2 1:4294967294 9223372036854775807 1.84467e+19 1:1.84467e+19 1 1:1 1:254 "
-                                "1:18446744073709551614 1:1:-2"},
-      {"2.7", "2 1:2 1:2 1:2 2 2.7 1:2.7 1 1:1 0:0 1:2.700000 0:-9"},
-      {"-0.5", "0 1:0 1:0 1:0 0 -0.5 1:-0.5 0 1:0 0:0 1:-0.500000 0:-9"},  // kept: truncated before the test
-      {"\"-2.9e1x\"", "-2 1:-2 1:-2 1:4294967294 -2 -29 1:-29 0 0:7 1:45 1:-2.9e1x 1:1:-2"},
-      {"\"TRUE\"", "0 0:-1 1:0 1:0 0 0 1:0 1 1:7 1:84 1:TRUE 1:1:0"},  // kept: the answer only in the result
-      {"\"0\"", "0 1:0 1:0 1:0 0 0 1:0 0 0:7 1:48 1:0 1:1:0"},
-      {"\"\"", "0 0:-1 1:0 1:0 0 0 1:0 0 0:7 0:0 1: 1:1:0"},
+                                "1:18446744073709551614 1:1:-2 0:0"},
+      {"2.7", "2 1:2 1:2 1:2 2 2.7 1:2.7 1 1:1 0:0 1:2.700000 0:-9 0:0"},
+      {"\"-2.9e1x\"", "-2 1:-2 1:-2 1:4294967294 -2 -29 1:-29 0 0:7 1:45 1:-2.9e1x 1:1:-2 0:0"},
+      {"\"TRUE\"", "0 0:-1 1:0 1:0 0 0 1:0 1 1:7 1:84 1:TRUE 1:1:0 0:0"},  // kept: the answer only in the result
+      {"\"\"", "0 0:-1 1:0 1:0 0 0 1:0 0 0:7 0:0 1: 1:1:0 0:0"},
   };
-  for (const auto& row : rows) EXPECT_EQ(row.line, AllConversions(Parse(row.json))) << row.json;
-
-  Json::Value array = Parse("[1, \"2\", true]"), real = Parse("1.5");
-  std::map<std::string, Json::Value*> members;
-  EXPECT_FALSE(JsonCommand::ConvertObject(&array, &members));
+  for (const auto& row : rows) {
+    const Json::Value value = row.json != nullptr ? Parse(row.json) : Json::Value();
+    EXPECT_EQ(row.line, AllConversions(row.json != nullptr ? &value : nullptr)) << (row.json ? row.json : "null pointer");
+  }
+  Json::Value real = Parse("1.5");
   float single = 0;
-  EXPECT_TRUE(JsonCommand::ConvertFloat(&real, &single) && single == 1.5f && JsonCommand::ConvertFloat(&real) == 1.5f);
-  // A null value: the neutral value, or false.
-  int i = 0, *numbers = nullptr;
-  short s = 0;
-  unsigned int u = 0;
-  double d = 0;
-  signed char b = 0;
-  unsigned char c = 0;
-  std::string text;
-  EXPECT_EQ(0, JsonCommand::ConvertInt(nullptr) + JsonCommand::ConvertShort(nullptr) + JsonCommand::ConvertUInt(nullptr) +
-                   JsonCommand::ConvertInt64(nullptr) + JsonCommand::ConvertDouble(nullptr) +
-                   JsonCommand::ConvertFloat(nullptr) + JsonCommand::ConvertBOOL(nullptr) +
-                   JsonCommand::ConvertString(nullptr).size());
-  EXPECT_FALSE(JsonCommand::ConvertInt(nullptr, &i) || JsonCommand::ConvertShort(nullptr, &s) ||
-               JsonCommand::ConvertUInt(nullptr, &u) || JsonCommand::ConvertDouble(nullptr, &d) ||
-               JsonCommand::ConvertFloat(nullptr, &single) || JsonCommand::ConvertBOOL(nullptr, &b) ||
-               JsonCommand::ConvertUChar(nullptr, &c) || JsonCommand::ConvertString(nullptr, &text) ||
-               JsonCommand::ConvertIntArray(nullptr, &numbers, &i) || JsonCommand::ConvertObject(nullptr, &members));
-  EXPECT_EQ(std::numeric_limits<long long>::max(), JsonCommand::ConvertInt64(&(real = Parse("18446744073709551615"))));
+  EXPECT_TRUE(JsonCommand::ConvertFloat(&real, &single) && single == 1.5f && JsonCommand::ConvertFloat(&real) == 1.5f &&
+              !JsonCommand::ConvertFloat(nullptr, &single) && JsonCommand::ConvertFloat(nullptr) == 0);
 }
 
 }  // namespace
