@@ -17,8 +17,8 @@ done
 
 # The host's end-to-end tests use Debian's python3 with python3-websocket and
 # drive Debian's chromium; the package test builds the package (dpkg-dev) and
-# runs it with systemd's tools and strace.
-bash scripts/install-deps.sh chromium python3-websocket dpkg-dev systemd strace
+# runs it with systemd's tools and strace; procps ends what a failed test left.
+bash scripts/install-deps.sh chromium python3-websocket dpkg-dev systemd strace procps
 
 case "$preset" in
   asan)
