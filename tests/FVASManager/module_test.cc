@@ -3,11 +3,13 @@
 // for byte (the host's tests check only routing, ids and status codes).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/FVASManager/module_host.h"
@@ -42,6 +44,16 @@ std::string Failed(const std::string& id, const std::string& method, int code, c
   return Document("   \"description\" : \"" + why + "\",\n   \"exception\" : " + std::to_string(code) +
                       ",\n   \"id\" : \"" + id + "\",\n   \"method\" : \"" + method + "\",\n   \"result\" : " + result,
                   cmdId);
+}
+
+// An answer callback that holds its command until the test lets it go: 1
+// while it waits, set to 2 to release it.
+std::atomic<int> g_answering{0};
+signed char HeldAnswer(int connection, void* handle, char const* text, void const* data, unsigned int length,
+                       char const* extra) {
+  g_answering = 1;
+  while (g_answering != 2) usleep(1000);
+  return AnswerLog::Callback(connection, handle, text, data, length, extra);
 }
 
 class ModuleTest : public testing::Test {
@@ -157,8 +169,23 @@ TEST_F(ModuleTest, ConstantsActionsAndTheWaitTimeout) {
   g_fakeNow = 2000062;
   EXPECT_EQ(100, host_.GetWaitTimeout());
   EXPECT_EQ(0, host_.SendBack(nullptr, 5, nullptr, "x", nullptr, 0, nullptr));
+  // A command on another thread: its answer and its end are activity, and
+  // neither keeps the lock from this thread.
+  std::thread command([&] {
+    host_.DistributeCommand(1, &host_, 0, "/kxp/", R"({"id":"2","method":"QSVersion"})", nullptr, 0, 1, &HeldAnswer,
+                            42, "", nullptr, nullptr, nullptr);
+  });
+  for (int i = 0; i < 5000 && g_answering != 1; ++i) usleep(1000);
+  g_fakeNow = 2000200;
+  EXPECT_EQ(100, host_.GetWaitTimeout()) << "answered at 2000062, still running";
+  g_answering = 2;
+  command.join();
+  g_fakeNow = 2000230;
+  EXPECT_EQ(1, host_.GetWaitTimeout());
+  g_fakeNow = 2000231;
+  EXPECT_EQ(100, host_.GetWaitTimeout());
   const std::vector<qs_test::Answer> answers = AnswerLog::Instance().Take();
-  ASSERT_EQ(2u, answers.size());
+  ASSERT_EQ(3u, answers.size());
   EXPECT_EQ("5 hello ab x", std::to_string(answers[1].connection) + " " + answers[1].text + " " + answers[1].data +
                                 " " + answers[1].extra);
 }

@@ -183,6 +183,7 @@ TEST(UserSession, DisplayOfAProcess) {
   EXPECT_EQ(value, user_session_internal::WriteDisplayOfProcess(9, folder.dir().path(), folder.dir() / "D.log"));
   EXPECT_EQ(value + "\n", ReadWholeFile(folder.dir() / "D.log"));
   EXPECT_EQ("1000", user_session_internal::UidOfProcess(9, folder.dir().path()));
+  EXPECT_EQ("", user_session_internal::UidOfProcess(8, folder.dir().path())) << "no such process";
   EXPECT_FALSE(PathExists(folder.dir() / "X") || PathExists(folder.dir() / "Y"));
 }
 

@@ -37,8 +37,8 @@ class Host:
 
     def __init__(self, args=(), configuration=None, module=None, env=None, port_arg=("--port", "0"), files=None,
                  handed=None):
-        self.folder = tempfile.mkdtemp(prefix="qs_host_e2e_")
-        atexit.register(shutil.rmtree, self.folder, True)
+        self.folder, self.process = tempfile.mkdtemp(prefix="qs_host_e2e_"), None
+        atexit.register(self.discard)
         self.module = os.path.join(self.folder, "standin.so" if module else "libFVASManager.so")
         shutil.copy(QS_HOST, os.path.join(self.folder, "qs-host"))
         shutil.copy(module or MODULE, self.module)
@@ -77,6 +77,13 @@ class Host:
     def wait(self):
         code, _ = self.process.wait(60), self.reader.join(10)
         return code
+
+    def discard(self):
+        """At exit: a host that a failure or time-out left running is killed before its folder goes."""
+        if self.process is not None and self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+        shutil.rmtree(self.folder, True)
 
     def log(self):
         return open(os.path.join(self.folder, "standin.log")).read()

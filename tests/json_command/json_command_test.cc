@@ -9,6 +9,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,9 @@ TEST(ResultDocuments, BothFormsByteForByte) {
             JsonCommand::Encode("i\"d", "M", values, false, 0, "ignored for code 0"));
   EXPECT_EQ("{\n   \"description\" : \"bad\",\n   \"event\" : \"M\",\n   \"exception\" : -2,\n   \"id\" : \"1\"\n}\n",
             JsonCommand::Encode("1", "M", none, true, -2, "bad"));
+  Json::Value zero(std::string("a\0b", 3));  // a 0 byte: the reference writer, the value lent and given back
+  EXPECT_NE(std::string::npos, JsonCommand::Encode("1", "M", values = {&zero}, false, 0, "").find("[ \"a\\u0000b\" ]"));
+  EXPECT_EQ(std::string("a\0b", 3), zero.asString());
 }
 
 Json::Value Parse(const char* text) {
@@ -94,40 +98,61 @@ Json::Value Parse(const char* text) {
   return value;
 }
 
-// The converters nothing in the module calls: one row per behaviour a
-// handler would rely on.
-TEST(Converters, ThinTable) {
-  const struct { const char* json; int one; bool twoOk; int two; } ints[] = {
-      {"\"12abc\"", 12, true, 12}, {"\"abc\"", 0, false, -1}, {"true", 1, false, -1}, {"-2.9", -2, true, -2},
-      {"3000000000", -1294967296, true, -1294967296}, {"\"00\"", 0, false, -1}, {"\"0\"", 0, true, 0}};
-  for (const auto& row : ints) {
-    Json::Value value = Parse(row.json);
-    int out = 77;
-    EXPECT_EQ(row.one, JsonCommand::ConvertInt(&value)) << row.json;
-    EXPECT_EQ(row.twoOk, JsonCommand::ConvertInt(&value, &out)) << row.json;
-    EXPECT_EQ(row.two, out) << row.json;
-  }
-  Json::Value text = Parse("\"TRUE\""), real = Parse("1.5"), array = Parse("[1, \"2\", true]"), nul = Parse("null");
-  signed char flag = 7;
-  EXPECT_TRUE(JsonCommand::ConvertBOOL(&text, &flag));
-  EXPECT_EQ(7, flag) << "for text only the result carries the answer";
-  EXPECT_EQ("1.500000|NULL", JsonCommand::ConvertString(&real) + "|" + JsonCommand::ConvertString(&nul));
-  EXPECT_EQ(std::numeric_limits<long long>::max(), JsonCommand::ConvertInt64(&(real = Parse("18446744073709551615"))));
-  int* numbers = nullptr;
-  int count = 0;
-  EXPECT_FALSE(JsonCommand::ConvertIntArray(&array, &numbers, &count)) << "stops at the boolean";
-  EXPECT_EQ(3, count);
-  EXPECT_EQ(2, numbers[1]);
-  delete[] numbers;
+// Every converter on one value, as one line: ConvertInt, (ok:out) of
+// ConvertInt, ConvertShort and ConvertUInt, ConvertInt64, ConvertDouble and
+// (ok:out), ConvertBOOL and (ok:out), (ok:out) of ConvertUChar and
+// ConvertString, (ok:count:elements) of ConvertIntArray, (ok:members) of
+// ConvertObject. Untouched outputs keep the sentinels 77, 7, "-" and -9.
+std::string AllConversions(const Json::Value* v) {
+  int i = 77, count = -9, *numbers = nullptr;
+  short s = 77;
+  unsigned int u = 77;
+  double d = 77;
+  signed char b = 7;
+  unsigned char c = 77;
+  std::string t = "-";
   std::map<std::string, Json::Value*> members;
-  EXPECT_FALSE(JsonCommand::ConvertObject(&array, &members));
-  std::string copy;
-  double number = 0;
-  EXPECT_FALSE(JsonCommand::ConvertString(nullptr, &copy) || JsonCommand::ConvertString(&real, nullptr) ||
-               JsonCommand::ConvertDouble(nullptr, &number) || JsonCommand::ConvertDouble(&real, nullptr) ||
-               JsonCommand::ConvertInt64(nullptr) != 0);
-  EXPECT_TRUE(JsonCommand::ConvertDouble(&(real = Parse("2.5")), &number) && number == 2.5);
-  EXPECT_TRUE(JsonCommand::ConvertBOOL(&(real = Parse("-3")), &flag) && flag == 1) << "a nonzero number is 1";
+  std::ostringstream line;
+  line << JsonCommand::ConvertInt(v) << " " << JsonCommand::ConvertInt(v, &i) << ":" << i;
+  line << " " << JsonCommand::ConvertShort(v, &s) << ":" << s << " " << JsonCommand::ConvertUInt(v, &u) << ":" << u;
+  line << " " << JsonCommand::ConvertInt64(v) << " " << JsonCommand::ConvertDouble(v);
+  line << " " << JsonCommand::ConvertDouble(v, &d) << ":" << d << " " << int(JsonCommand::ConvertBOOL(v));
+  line << " " << JsonCommand::ConvertBOOL(v, &b) << ":" << int(b) << " " << JsonCommand::ConvertUChar(v, &c) << ":"
+       << int(c);
+  line << " " << JsonCommand::ConvertString(v, &t) << ":" << t;
+  line << " " << JsonCommand::ConvertIntArray(v, &numbers, &count) << ":" << count;
+  for (int n = 0; n < count; ++n) line << (n == 0 ? ":" : "+") << numbers[n];
+  line << " " << JsonCommand::ConvertObject(v, &members) << ":" << members.size();
+  for (auto& member : members) delete member.second;
+  delete[] numbers;
+  return line.str();
+}
+
+// One row per JSON kind (a null pointer first) and per surprising text.
+TEST(Converters, EveryKindThroughEveryConverter) {
+  const struct { const char* json; const char* line; } rows[] = {
+      {nullptr, "0 0:77 0:77 0:77 0 0 0:77 0 0:7 0:77 0:- 0:-9 0:0"},
+      {"null", "0 0:-1 0:-1 0:0 0 0 0:0 0 1:0 0:0 1:NULL 1:0 0:0"},
+      {"{\"a\":1}", "0 0:-1 0:-1 0:0 0 0 0:0 0 0:7 0:0 0:- 0:-9 1:1"},
+      {"[5, \"6\", true]", "0 0:-1 0:-1 0:0 0 0 0:0 0 0:7 0:0 1:[ 5, \"6\", true ]\n 0:3:5+6+0 0:0"},
+      {"true", "1 0:-1 0:-1 0:0 0 1 0:0 1 1:1 0:0 1:true 0:-9 0:0"},
+      {"-4294967299", "-3 1:-3 1:-3 1:4294967293 -4294967299 -4.29497e+09 1:-4.29497e+09 1 1:1 1:253 1:-4294967299 "
+                      "1:1:-3 0:0"},
+      {"18446744073709551614", "-2 1:-2 1:-2 1:4294967294 9223372036854775807 1.84467e+19 1:1.84467e+19 1 1:1 1:254 "
+                                "1:18446744073709551614 1:1:-2 0:0"},
+      {"2.7", "2 1:2 1:2 1:2 2 2.7 1:2.7 1 1:1 0:0 1:2.700000 0:-9 0:0"},
+      {"\"-2a.5\"", "-2 1:-2 1:-2 1:4294967294 -2 -2 1:-2 0 0:7 1:45 1:-2a.5 1:1:-2 0:0"},  // read in base 10
+      {"\"TRUE\"", "0 0:-1 1:0 1:0 0 0 1:0 1 1:7 1:84 1:TRUE 1:1:0 0:0"},  // kept: the answer only in the result
+      {"\"\"", "0 0:-1 1:0 1:0 0 0 1:0 0 0:7 0:0 1: 1:1:0 0:0"},
+  };
+  for (const auto& row : rows) {
+    const Json::Value value = row.json != nullptr ? Parse(row.json) : Json::Value();
+    EXPECT_EQ(row.line, AllConversions(row.json != nullptr ? &value : nullptr)) << (row.json ? row.json : "null pointer");
+  }
+  Json::Value real = Parse("1.5");
+  float single = 0;
+  EXPECT_TRUE(JsonCommand::ConvertFloat(&real, &single) && single == 1.5f && JsonCommand::ConvertFloat(&real) == 1.5f &&
+              !JsonCommand::ConvertFloat(nullptr, &single) && JsonCommand::ConvertFloat(nullptr) == 0);
 }
 
 }  // namespace

@@ -96,7 +96,9 @@ class Package(unittest.TestCase):
         process = subprocess.Popen(
             ["systemd-socket-activate", "-l", "127.0.0.1:%d" % port, "--fdname=http", "-E", "HOME=" + home,
              "-E", "XDG_STATE_HOME=" + state, "-E", "TSAN_OPTIONS=intercept_tls_get_addr=0",
-             os.path.join(self.root, "usr/bin/qs-host"), *ROOT_FLAG], stdout=log, stderr=subprocess.STDOUT)
+             os.path.join(self.root, "usr/bin/qs-host"), *ROOT_FLAG], stdout=log, stderr=subprocess.STDOUT,
+            start_new_session=True)
+        self.addCleanup(subprocess.run, ["pkill", "-KILL", "-s", str(process.pid)])  # whatever a failure left
         for _ in range(100):
             try:
                 socket.create_connection(("127.0.0.1", port), timeout=1).close()
@@ -187,7 +189,9 @@ class Package(unittest.TestCase):
         os.makedirs(home)
         process = subprocess.Popen(["strace", "-f", "-qq", "-o", trace, os.path.join(self.root, "usr/bin/qs-host"),
                                     "--port", "0", *ROOT_FLAG], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                   text=True, env=dict(os.environ, HOME=home, XDG_STATE_HOME=home))
+                                   text=True, env=dict(os.environ, HOME=home, XDG_STATE_HOME=home),
+                                   start_new_session=True)
+        self.addCleanup(subprocess.run, ["pkill", "-KILL", "-s", str(process.pid)])  # strace's tracee too
         port = next(int(m.group(1)) for m in map(re.compile(r"listening on http://127.0.0.1:(\d+)/").match,
                                                  process.stdout) if m)
         post(port, '{"id":"1","method":"VersionInfo"}')
