@@ -186,7 +186,7 @@ void PrintUsage(std::ostream& out, const po::options_description& common, const 
          "       qs-host config [get KEY | set KEY VALUE]\n"
          "                                        list, read or change the settings of QSConfiguration.ini\n"
          "Options may come before or after the word; one that does not apply to it is refused.\n\n"
-      << common << "\n" << serve << "\n" << call;
+      << common << "\n" << serve << "\n" << call << std::endl;
 }
 
 // Parses the command line; false (with a message on standard error) when it
