@@ -718,6 +718,15 @@ class Settings(unittest.TestCase):
         self.assertEqual((2, before), (status, open(ini).read()), err)
         self.assertIn("qs-host: cannot write %s: Operation not permitted; nothing written\n" % ini
                       if locked else "Permission denied", err)
+        # A value the file holds that is not valid is shown as such and stops the server at start.
+        os.chmod(ini, 0o644)
+        with open(ini, "a") as out:
+            out.write("head-timeout=abc\n")
+        self.assertIn('"abc" not valid: qs-host will not start', self.config(folder)[1])
+        run = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, "--port", "0"], capture_output=True, text=True,
+                             env=dict(os.environ, **TSAN), timeout=60)
+        self.assertEqual((2, 'qs-host: %s, [qs-host] head-timeout: "abc" is not a whole number from 1 to 3600' % ini),
+                         (run.returncode, run.stderr.split(" (qs-host config")[0]))
 
     def test_cors_off_and_one_origin_after_a_restart(self):
         host = Host(env={"INVOCATION_ID": "e2e"})
