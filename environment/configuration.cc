@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "environment/configuration_keys.h"
 #include "environment/log.h"
 #include "environment/program_info.h"
 #include "ini/profile.h"
@@ -14,7 +15,7 @@
 #include "platform/rwlock.h"
 #include "util/win_string.h"
 
-const char* appName = "QS";
+const char* appName = kDefaultSection;
 
 bool g_bEnableScannerAccessAuth = false;
 bool g_bEnableFileAccessAuth = false;
@@ -88,7 +89,7 @@ std::string GetSecurityExceptionFile() { return g_strSecurityExceptionFile; }
 std::string GetFirefoxCert() { return g_strFirefoxCert; }
 
 bool GetIfOnlyLoadQuintarisSignedModule() {
-  return GetConfigurationfromInitFile("OnlyLoadQuintarisSignedModule", "TRUE");
+  return GetConfigurationfromInitFile(kSignedModulesKey.name, kSignedModulesKey.defaultValue);
 }
 
 std::string MakeSureFileCanBeWritten(const std::string& folder, const std::string& fileName) {

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "environment/configuration.h"
+#include "environment/configuration_keys.h"
 #include "environment/program_info.h"
 #include "ini/profile.h"
 #include "platform/format.h"
@@ -22,7 +23,7 @@ const int Log_Info = 4;
 const int Log_Debug = 8;
 const int Log_ALL = 14;
 
-int g_default_log_level = 6;
+int g_default_log_level = DecimalOf(kLogLevelKey.defaultValue);
 int g_log_level = 0;
 int g_log_level_mem = 0;
 bool g_enumLogLevel = false;
@@ -152,7 +153,7 @@ int GetLogLevelInLocal() {
   char value[64];
   memset(value, 0, sizeof(value));
   ScopedReaderLock hold(g_csWriteLog);
-  GetPrivateProfileStringA(appName, "LogLevel", defaultText, value, sizeof(value), g_szIniFile);
+  GetPrivateProfileStringA(appName, kLogLevelKey.name, defaultText, value, sizeof(value), g_szIniFile);
   return static_cast<int>(strtol(value, nullptr, 10));
 }
 
@@ -180,7 +181,7 @@ void UpdateLogLevel() {
 }
 
 void SetLogLevel(int mask) {
-  SetConfigurationToInitFile("LogLevel", mask, nullptr);
+  SetConfigurationToInitFile(kLogLevelKey.name, mask, nullptr);
   UpdateLogLevel();
   g_enumLogLevel = LoadLevel(g_log_level) == 14;
   LogDebug("Log Level = %d, %d.", LoadLevel(g_log_level), LoadLevel(g_log_level_mem));

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "environment/configuration.h"
+#include "environment/configuration_keys.h"
 #include "environment/log.h"
 #include "environment/program_info.h"
 #include "environment/user_session.h"
@@ -19,8 +20,6 @@ std::map<std::string, int> g_mapNoSSLPortInMem;
 
 namespace {
 
-// The URL prefixes of the module's listeners, in the order ports are reported.
-const char* const kPrefixes[] = {"kxp", "fvt", "kxs"};
 
 // Without the count, a list is read up to this many entries.
 constexpr int kMaxListEntries = 10;
@@ -34,9 +33,9 @@ std::string EntryKey(const std::string& base, const char* kind, int index) {
   return key;
 }
 
-std::string NameKey(const std::string& base, int index) { return EntryKey(base, "%s_mn_%d", index); }
+std::string NameKey(const std::string& base, int index) { return EntryKey(base, kPortNameKeyFormat, index); }
 
-std::string PortKey(const std::string& base, int index) { return EntryKey(base, "%s_mp_%d", index); }
+std::string PortKey(const std::string& base, int index) { return EntryKey(base, kPortNumberKeyFormat, index); }
 
 int FindPort(const std::map<std::string, int>& ports, const std::string& name) {
   auto it = ports.find(name);
@@ -70,7 +69,7 @@ std::vector<int> ReadUserSSLPort() {
   std::vector<int> ports;
   if (GetProgramMode() != WorkModeUserProcess) return ports;
   const std::string sid = GetUserSID(static_cast<unsigned int>(getpid()));
-  for (const char* prefix : kPrefixes) {
+  for (const char* prefix : kPortPrefixes) {
     const int port = GetPort(sid, prefix, false, true);
     if (port != 0) ports.push_back(port);
   }

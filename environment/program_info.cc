@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "environment/configuration.h"
+#include "environment/configuration_keys.h"
 #include "environment/log.h"
 #include "platform/file.h"
 #include "platform/process_flags.h"
@@ -72,9 +73,9 @@ void InitProgramInfo(bool adjustPermissions) {
   g_cert_path = g_work_path + "cert" + "/";
   g_strSecurityExceptionFile = g_work_path + "qs.exception";
   g_exe_file = exePath;
-  g_init_file = g_work_path + "QSConfiguration.ini";
+  g_init_file = g_work_path + kSystemConfigurationFile;
   lstrcpyn(g_szIniFile, g_init_file.c_str(), sizeof(g_szIniFile));
-  g_user_config_file = g_work_path + "user_config.ini";
+  g_user_config_file = g_work_path + kUserConfigurationFile;
   g_ssl_cert_filepath = g_cert_path + "server.pem";
   g_ssl_private_key_filepath = g_cert_path + "server_key.pem";
   g_dump_path = g_work_path + "dump" + "/";
@@ -102,19 +103,19 @@ void InitProgramInfo(bool adjustPermissions) {
   __atomic_store_n(&g_log_level, level, __ATOMIC_RELAXED);
   SetLogLevel(level);
 
-  g_host_name = GetConfigurationfromInitFile("Server", nullptr, nullptr);
-  if (g_host_name.empty()) g_host_name = "127.0.0.1";
+  g_host_name = GetConfigurationfromInitFile(kServerKey.name, nullptr, nullptr);
+  if (g_host_name.empty()) g_host_name = kServerKey.emptyMeans;
 
   CUtil::CreateUUID(gszServiceUUID);
 
-  g_bEnableScannerAccessAuth = GetConfigurationfromInitFile("EnableScannerAccessAuth", "FALSE");
-  g_bEnableFileAccessAuth = GetConfigurationfromInitFile("EnableFileAccessAuth", "FALSE");
-  g_bEnableWebcamAccessAuth = GetConfigurationfromInitFile("EnableWebcamAccessAuth", "FALSE");
-  g_bEnableCORSAll = GetConfigurationfromInitFile("EnableCORSAll", "TRUE");
-  g_bEnableEnhancedMode = GetConfigurationfromInitFile("EnableEnhancedMode", "FALSE");
+  g_bEnableScannerAccessAuth = GetConfigurationfromInitFile(kScannerAuthKey.name, kScannerAuthKey.defaultValue);
+  g_bEnableFileAccessAuth = GetConfigurationfromInitFile(kFileAuthKey.name, kFileAuthKey.defaultValue);
+  g_bEnableWebcamAccessAuth = GetConfigurationfromInitFile(kWebcamAuthKey.name, kWebcamAuthKey.defaultValue);
+  g_bEnableCORSAll = GetConfigurationfromInitFile(kCorsAllKey.name, kCorsAllKey.defaultValue);
+  g_bEnableEnhancedMode = GetConfigurationfromInitFile(kEnhancedModeKey.name, kEnhancedModeKey.defaultValue);
 
-  g_strListenType = GetConfigurationfromInitFile("ListenType", "", nullptr);
-  g_strServiceName = GetConfigurationfromInitFile("ServiceName", kServiceDisplayName, nullptr);
+  g_strListenType = GetConfigurationfromInitFile(kListenTypeKey.name, kListenTypeKey.defaultValue, nullptr);
+  g_strServiceName = GetConfigurationfromInitFile(kServiceNameKey.name, kServiceNameKey.defaultValue, nullptr);
 
   LogDebug("Version info:%s, %s---%s, \r\n\t\tis64:%d, isScanning=%d, workMode=%d, isFVTActiveX=%d\r\n",
            kModuleDescription, kProductInformation, kModuleVersion, 1, GetIfScanningProcess() ? 1 : 0,

@@ -1,5 +1,6 @@
-// qs-host: serves the plug-in module to browsers on loopback, or runs one
-// command through it ("qs-host call").
+// qs-host: serves the plug-in module to browsers on loopback, runs one
+// command through it ("qs-host call"), or shows and changes the settings of
+// its work folder ("qs-host config").
 #include <limits.h>
 #include <unistd.h>
 
@@ -15,10 +16,13 @@
 #include <thread>
 #include <vector>
 
+#include "environment/configuration_keys.h"
 #include "host/activation.h"
+#include "host/config_command.h"
 #include "host/journal.h"
 #include "host/module.h"
 #include "host/server.h"
+#include "host/settings.h"
 #include "host/state_folder.h"
 
 namespace po = boost::program_options;
@@ -110,29 +114,41 @@ int RunCall(qs_host::Module& module, const std::string& exe, const std::string& 
   return status;
 }
 
+// What was asked: the server (no word), "call" or "config".
+enum class Subcommand { kServe, kCall, kConfig };
+
 struct CommandLine {
   bool help = false;
   bool version = false;
   bool allowRoot = false;
-  bool call = false;
+  Subcommand subcommand = Subcommand::kServe;
   std::string module;
   std::string url = "/kxp/";
   bool noUserAgent = false;
-  std::string command;
+  std::string command;                  // call
+  std::vector<std::string> configWords;  // config
   std::string ports, tlsPorts;
   qs_host::ServerOptions server;
+  // The host settings given as options, applied over the file's.
+  std::vector<std::pair<const qs_host::HostSetting*, std::vector<std::string>>> settings;
 };
 
-po::options_description ServeOptions(CommandLine& line) {
-  qs_host::ServerOptions& s = line.server;
-  po::options_description options("options");
+po::options_description CommonOptions(CommandLine& line) {
+  po::options_description options("options of every form");
   options.add_options()
       ("help,h", po::bool_switch(&line.help), "print this help and exit")
       ("version", po::bool_switch(&line.version), "print the version and exit")
       ("allow-root", po::bool_switch(&line.allowRoot),
        "run even as root (the service is meant to run as the desktop user)")
       ("module", po::value(&line.module)->value_name("PATH"),
-       "the module library (default: libFVASManager.so beside qs-host, else ../FVASManager/libFVASManager.so)")
+       "the module library (default: libFVASManager.so beside qs-host, else ../FVASManager/libFVASManager.so)");
+  return options;
+}
+
+po::options_description ServeOptions(CommandLine& line) {
+  qs_host::ServerOptions& s = line.server;
+  po::options_description options("server options (the host settings also in [qs-host] of QSConfiguration.ini)");
+  options.add_options()
       ("port", po::value(&s.port)->value_name("N"),
        "plain HTTP/WebSocket port (0: any free port); default: the module's pair, the second when the first is "
        "taken")
@@ -141,19 +157,16 @@ po::options_description ServeOptions(CommandLine& line) {
        "HTTPS/WSS port (0: any free port); default: the module's TLS pair, or any free port with --port 0")
       ("tls-ports", po::value(&line.tlsPorts)->value_name("A,B"), "another TLS pair to try in turn")
       ("threads", po::value(&s.threads)->value_name("N"), "worker threads (default: one per core, 2 to 8)")
-      ("allow-host", po::value(&s.allowHosts)->composing()->value_name("NAME"),
-       "also serve requests whose Host names NAME (repeatable; for a proxy in front of the service)")
-      ("allow-origin", po::value(&s.allowOrigins)->composing()->value_name("ORIGIN"),
-       "also serve pages of ORIGIN (e.g. https://app.example) while the module's EnableCORSAll is off "
-       "(repeatable)")
-      ("head-timeout", po::value(&s.limits.headSeconds)->value_name("SECONDS"),
-       "time a client has to send a whole request head (default 30)")
-      ("idle-timeout", po::value(&s.limits.idleSeconds)->value_name("SECONDS"),
-       "time an idle connection is kept (default 60)")
-      ("max-connections", po::value(&s.limits.maxConnections)->value_name("N"),
-       "connections open at once; at the cap the longest idle one is closed (default 512)")
       ("bench-route", po::bool_switch(&s.benchRoute),
        "also answer /host/bench with a fixed body, without the module (the baseline of the load figure)");
+  for (const qs_host::HostSetting& setting : qs_host::kHostSettings) {
+    const std::string help =
+        std::string(setting.help) +
+        (setting.list != nullptr ? " (repeatable)" : " (default " + std::to_string(setting.get(qs_host::Limits())) + ")");
+    auto* value = po::value<std::vector<std::string>>()->value_name(setting.valueName);
+    if (setting.list != nullptr) value->composing();
+    options.add_options()(setting.name, value, help.c_str());
+  }
   return options;
 }
 
@@ -165,38 +178,62 @@ po::options_description CallOptions(CommandLine& line) {
   return options;
 }
 
-void PrintUsage(std::ostream& out, const po::options_description& serve, const po::options_description& call) {
+void PrintUsage(std::ostream& out, const po::options_description& common, const po::options_description& serve,
+                const po::options_description& call) {
   out << "usage: qs-host [options]                  serve the module on the loopback\n"
-         "       qs-host call [--module PATH] [--allow-root] [--url PATH] [--no-user-agent] 'JSON'\n"
-         "                                        run one command and print the answer\n\n"
-      << serve << "\n" << call;
+         "       qs-host [options] call [options] 'JSON'\n"
+         "                                        run one command and print the answer\n"
+         "       qs-host config [get KEY | set KEY VALUE]\n"
+         "                                        list, read or change the settings of QSConfiguration.ini\n"
+         "Options may come before or after the word; one that does not apply to it is refused.\n\n"
+      << common << "\n" << serve << "\n" << call << std::endl;
 }
 
 // Parses the command line; false (with a message on standard error) when it
-// is not understood.
+// is not understood: the caller exits with status 2.
 bool Parse(int argc, char** argv, CommandLine* line) {
+  po::options_description common = CommonOptions(*line);
   po::options_description serve = ServeOptions(*line);
   po::options_description call = CallOptions(*line);
-  std::vector<std::string> args(argv + 1, argv + argc);
-  line->call = !args.empty() && args[0] == "call";
-  if (line->call) args.erase(args.begin());
+  std::vector<std::string> words;
+  po::options_description all;
+  all.add(common).add(serve).add(call).add_options()("word", po::value(&words)->composing());
+  po::positional_options_description positional;
+  positional.add("word", -1);
   try {
     po::variables_map values;
-    if (line->call) {
-      po::options_description all;
-      all.add_options()("module", po::value(&line->module))("allow-root", po::bool_switch(&line->allowRoot));
-      all.add(call).add_options()("command", po::value(&line->command));
-      po::positional_options_description positional;
-      positional.add("command", 1);
-      po::store(po::command_line_parser(args).options(all).positional(positional).run(), values);
-    } else {
-      po::store(po::command_line_parser(args).options(serve).run(), values);
-    }
+    po::store(po::command_line_parser(std::vector<std::string>(argv + 1, argv + argc))
+                  .options(all).positional(positional).run(), values);
     po::notify(values);
-    if (line->call && line->command.empty()) throw po::error("call needs a JSON command");
+    if (!words.empty()) {
+      if (words[0] == "call") {
+        line->subcommand = Subcommand::kCall;
+        if (words.size() != 2) throw po::error("call needs one JSON command");
+        line->command = words[1];
+      } else if (words[0] == "config") {
+        line->subcommand = Subcommand::kConfig;
+        line->configWords.assign(words.begin() + 1, words.end());
+      } else {
+        throw po::error("unknown word \"" + words[0] + "\" (the forms are: no word, call, config)");
+      }
+    }
+    // An option applies to the server, to call, or to every form.
+    const char* form = line->subcommand == Subcommand::kCall ? "call" : line->subcommand == Subcommand::kConfig
+                                                                           ? "config" : "the server";
+    for (const auto& given : values) {
+      if (given.second.defaulted() || given.first == "word" || common.find_nothrow(given.first, false) != nullptr) {
+        continue;
+      }
+      const bool forServer = serve.find_nothrow(given.first, false) != nullptr;
+      if (line->subcommand != (forServer ? Subcommand::kServe : Subcommand::kCall)) {
+        throw po::error("--" + given.first + " does not apply to " + form);
+      }
+      if (const qs_host::HostSetting* setting = qs_host::FindHostSetting(given.first)) {
+        line->settings.emplace_back(setting, given.second.as<std::vector<std::string>>());
+      }
+    }
   } catch (const po::error& e) {
-    PrintUsage(std::cerr, serve, call);
-    std::cerr << "qs-host: " << e.what() << std::endl;
+    std::cerr << "qs-host: " << e.what() << "\n(qs-host --help lists the forms and options)" << std::endl;
     return false;
   }
   qs_host::ServerOptions& s = line->server;
@@ -206,13 +243,41 @@ bool Parse(int argc, char** argv, CommandLine* line) {
   if (!line->ports.empty() && !ParsePair(line->ports, &s.portPair)) bad = "--ports needs two ports: A,B";
   if (!line->tlsPorts.empty() && !ParsePair(line->tlsPorts, &s.tlsPortPair)) bad = "--tls-ports needs two ports: A,B";
   if (s.threads < 1 || s.threads > 64) bad = "--threads needs 1 to 64";
-  if (s.limits.headSeconds < 1 || s.limits.idleSeconds < 1) bad = "time-outs are whole seconds, at least 1";
-  if (s.limits.maxConnections < 1) bad = "--max-connections needs at least 1";
   if (bad != nullptr) {
     std::cerr << "qs-host: " << bad << "\n";
     return false;
   }
-  if (line->help) PrintUsage(std::cout, serve, call);
+  // Checked now, applied over the file's values once the file is known.
+  for (const auto& [setting, texts] : line->settings) {
+    qs_host::ServerOptions scratch;
+    std::string why;
+    for (const std::string& text : texts) {
+      if (!qs_host::ApplyHostSetting(*setting, text, &scratch, &why)) {
+        std::cerr << "qs-host: --" << setting->name << ": " << why << "\n";
+        return false;
+      }
+    }
+  }
+  if (line->help) PrintUsage(std::cout, common, serve, call);
+  return true;
+}
+
+// The host settings: the file's [qs-host] keys, then the command line's.
+bool ApplySettings(const CommandLine& line, const qs_host::Profile& profile, qs_host::ServerOptions* options,
+                   std::string* error) {
+  if (profile.usable() && !qs_host::ReadHostSettings(profile, options, error)) return false;
+  for (const auto& [setting, texts] : line.settings) {
+    if (setting->list != nullptr) (options->*setting->list).clear();
+    for (const std::string& text : texts) {
+      qs_host::ServerOptions one;
+      qs_host::ApplyHostSetting(*setting, text, &one, error);
+      if (setting->list == nullptr) {
+        setting->set(options->limits, setting->get(one.limits));
+      } else {
+        for (std::string& item : one.*setting->list) (options->*setting->list).push_back(std::move(item));
+      }
+    }
+  }
   return true;
 }
 
@@ -221,7 +286,9 @@ bool Parse(int argc, char** argv, CommandLine* line) {
 int main(int argc, char** argv) {
   CommandLine line;
   line.server.threads = static_cast<int>(std::min(8u, std::max(2u, std::thread::hardware_concurrency())));
-  if (!Parse(argc, argv, &line)) return 1;
+  // A command line that is not understood, or an option that does not apply
+  // to what was asked, is refused with status 2.
+  if (!Parse(argc, argv, &line)) return 2;
   if (line.help) return 0;
   if (line.version) {
     std::cout << "qs-host " << QS_VERSION << std::endl;
@@ -245,12 +312,27 @@ int main(int argc, char** argv) {
     return Fail("cannot start " + relocated + ": " + strerror(errno));
   }
   if (line.module.empty()) line.module = DefaultModulePath(line.server.exeFolder);
-  if (!line.call && !qs_host::TakeActivatedSockets(&line.server.inherited, &error)) return Fail(error);
+  const bool serve = line.subcommand == Subcommand::kServe;
+  if (serve && !qs_host::TakeActivatedSockets(&line.server.inherited, &error)) return Fail(error);
 
   qs_host::Module module;
   if (!module.Load(line.module, &error)) return Fail(error);
 
-  if (line.call) return RunCall(module, exe, line.url, !line.noUserAgent, line.command);
+  if (line.subcommand == Subcommand::kCall) return RunCall(module, exe, line.url, !line.noUserAgent, line.command);
+
+  // The module's configuration file, read and written through the module's
+  // own profile functions.
+  const qs_host::Profile profile{module.ProfileRead(), module.ProfileWrite(),
+                                 line.server.exeFolder + kSystemConfigurationFile};
+  if (line.subcommand == Subcommand::kConfig) {
+    if (!profile.usable()) return Fail("the module " + module.path() + " has no profile functions to read settings");
+    return qs_host::RunConfig(line.configWords, {profile, line.server.exeFolder, exe}, std::cout, std::cerr);
+  }
+  if (!ApplySettings(line, profile, &line.server, &error)) {
+    qs_host::Say(qs_host::Priority::kError, "qs-host: " + error);
+    return 2;
+  }
+  if (profile.usable()) line.server.settingsShown = qs_host::SettingsInForce(profile, line.server);
 
   // A peer that goes away mid-write must not end the process.
   std::signal(SIGPIPE, SIG_IGN);

@@ -34,6 +34,8 @@ bool Module::Load(const std::string& path, std::string* error) {
   // The base library's functions are exported under their C++ names.
   Resolve(getEnableCORSAll_, "_Z16GetEnableCORSAllv", nullptr);
   Resolve(getCertPath_, "_Z11GetCertPathB5cxx11v", nullptr);
+  Resolve(profileRead_, "_Z24GetPrivateProfileStringAPKcS0_S0_PcjS0_", nullptr);
+  Resolve(profileWrite_, "_Z26WritePrivateProfileStringAPKcS0_S0_S0_", nullptr);
   if (!missing.empty()) {
     std::string names;
     for (const std::string& name : missing) names += (names.empty() ? "" : ", ") + name;

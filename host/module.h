@@ -55,6 +55,12 @@ class Module {
   bool HasCorsSwitch() const { return getEnableCORSAll_ != nullptr; }
   bool CorsForAllOrigins() const { return getEnableCORSAll_ != nullptr && getEnableCORSAll_(); }
   std::string CertFolder() const { return getCertPath_ != nullptr ? getCertPath_() : std::string(); }
+  // The module's profile-string functions (its INI layer), null when it does
+  // not export them.
+  using ProfileReadFn = unsigned int (*)(const char*, const char*, const char*, char*, unsigned int, const char*);
+  using ProfileWriteFn = bool (*)(const char*, const char*, const char*, const char*);
+  ProfileReadFn ProfileRead() const { return profileRead_; }
+  ProfileWriteFn ProfileWrite() const { return profileWrite_; }
 
  private:
   template <typename F>
@@ -75,6 +81,8 @@ class Module {
   ReservedFn reserved_ = nullptr;
   GetFlagFn getEnableCORSAll_ = nullptr;
   GetTextFn getCertPath_ = nullptr;
+  ProfileReadFn profileRead_ = nullptr;
+  ProfileWriteFn profileWrite_ = nullptr;
 };
 
 }  // namespace qs_host

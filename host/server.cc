@@ -133,7 +133,7 @@ bool Server::Start(std::string* error) {
   s.host.policy = RequestPolicy(corsForAll, s.options.allowHosts, s.options.allowOrigins);
   s.host.limits = s.options.limits;
   s.host.benchRoute = s.options.benchRoute;
-  s.host.page = StatusPage(s.host.alias, s.host.policy, s.host.limits);
+  s.host.page = StatusPage(s.host.alias, s.host.policy, s.host.limits, s.options.settingsShown);
   const long descriptors = RaiseDescriptorLimit();
 
   std::string certFolder = s.module.CertFolder();

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/activation.h"
@@ -26,6 +27,8 @@ struct ServerOptions {
   std::vector<std::string> allowHosts;    // Host names served beside the loopback's
   std::vector<std::string> allowOrigins;  // origins served while CORS-all is off
   Limits limits;
+  // Shown read-only on the status page: the settings in force, by name.
+  std::vector<std::pair<std::string, std::string>> settingsShown;
   // Sockets handed over by the service manager: served instead of binding.
   std::vector<InheritedSocket> inherited;
 };

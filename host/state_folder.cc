@@ -15,8 +15,6 @@ namespace qs_host {
 
 namespace {
 
-constexpr char kCopiedMarker[] = "copied-version";
-
 std::string ReadAll(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;

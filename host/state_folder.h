@@ -18,6 +18,8 @@
 namespace qs_host {
 
 constexpr char kInstalledMarker[] = "installed-version";
+// In the state folder: which installation its copies came from.
+constexpr char kCopiedMarker[] = "copied-version";
 
 // The user's state folder for qs-host, ending in "/"; "" when neither
 // XDG_STATE_HOME nor a home folder is known.

@@ -45,6 +45,11 @@ constexpr char kPage[] = R"page(<!DOCTYPE html>
 <table id="policy">
 @POLICY@
 </table>
+<h2>Settings in force</h2>
+<p>Change them with <code>qs-host config set KEY VALUE</code>, then restart the service.</p>
+<table id="settings">
+@SETTINGS@
+</table>
 <h2>Commands and answers</h2>
 <pre id="log"></pre>
 <script type="module">
@@ -147,7 +152,8 @@ void Fill(std::string* page, const std::string& marker, const std::string& text)
 
 }  // namespace
 
-std::string StatusPage(const std::string& alias, const RequestPolicy& policy, const Limits& limits) {
+std::string StatusPage(const std::string& alias, const RequestPolicy& policy, const Limits& limits,
+                       const std::vector<std::pair<std::string, std::string>>& settings) {
   // The alias goes into a script string: only plain characters are kept.
   std::string safe;
   for (char c : alias) {
@@ -169,9 +175,14 @@ std::string StatusPage(const std::string& alias, const RequestPolicy& policy, co
               "commands " + std::to_string(kCommandBodyLimit / 1024) + " KiB, package uploads " +
                   std::to_string(kUploadBodyLimit / (1024 * 1024)) + " MiB, image records " +
                   std::to_string(kImageBodyLimit) + " bytes");
+  std::string shown;
+  for (const auto& setting : settings) {
+    shown += "  <tr><th>" + Escaped(setting.first) + "</th><td>" + Escaped(setting.second) + "</td></tr>\n";
+  }
   std::string page(kPage);
   Fill(&page, "@ALIAS@", safe);
   Fill(&page, "@POLICY@", rows);
+  Fill(&page, "@SETTINGS@", shown);
   return page;
 }
 

@@ -5,13 +5,17 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "host/policy.h"
 
 namespace qs_host {
 
-// The page with the module's alias and the host's policy filled in.
-std::string StatusPage(const std::string& alias, const RequestPolicy& policy, const Limits& limits);
+// The page with the module's alias, the host's policy and the settings in
+// force (name and value, shown read-only) filled in.
+std::string StatusPage(const std::string& alias, const RequestPolicy& policy, const Limits& limits,
+                       const std::vector<std::pair<std::string, std::string>>& settings);
 
 // The browser client (client/qs-client.js, compiled in) that the page imports
 // from /client/qs-client.js.

@@ -36,8 +36,8 @@ class Host:
     a folder of their own; stop() sends SIGTERM and expects exit status 0."""
 
     def __init__(self, args=(), configuration=None, module=None, env=None, port_arg=("--port", "0"), files=None,
-                 handed=None):
-        self.folder, self.process = tempfile.mkdtemp(prefix="qs_host_e2e_"), None
+                 handed=None, folder=None):
+        self.folder, self.process = folder or tempfile.mkdtemp(prefix="qs_host_e2e_"), None
         atexit.register(self.discard)
         self.module = os.path.join(self.folder, "standin.so" if module else "libFVASManager.so")
         shutil.copy(QS_HOST, os.path.join(self.folder, "qs-host"))
@@ -247,12 +247,19 @@ class Lifecycle(unittest.TestCase):
         atexit.register(shutil.rmtree, folder, True)
         for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
             shutil.copy(source, os.path.join(folder, name))
+        q = '{"id":"1","cmdId":"x","method":"QSVersion"}'
         for args, status, text in (  # arguments -> exit status, text the output holds
-                (['{"id":"1","cmdId":"x","method":"QSVersion"}'], 0, '"Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
-                (["--no-user-agent", '{"id":"3","method":"QSVersion"}'], 0, '"exception" : -2205'),
-                ([], 1, "qs-host: call needs a JSON command\n")):
-            run = subprocess.run([os.path.join(folder, "qs-host"), "call", *ROOT, *args], capture_output=True,
-                                 text=True, env=dict(os.environ, **TSAN))
+                (["call", q], 0, '"Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
+                (["call", "--no-user-agent", q], 0, '"exception" : -2205'),
+                (["call"], 2, "qs-host: call needs one JSON command\n"),
+                # Options in any order; one that does not apply is refused.
+                (["--url", "/kxp/", "--no-user-agent", "call", q], 0, '"exception" : -2205'),
+                (["call", "--port", "1", q], 2, "--port does not apply to call\n"),
+                (["--url", "/x"], 2, "--url does not apply to the server\n"),
+                (["config", "--head-timeout", "5"], 2, "--head-timeout does not apply to config\n"),
+                (["--port", "0", "anything"], 2, 'unknown word "anything"')):
+            run = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, *args], capture_output=True, text=True,
+                                 env=dict(os.environ, **TSAN), timeout=60)
             self.assertEqual((status, True), (run.returncode, text in (run.stderr if status else run.stdout)), run.stderr)
 
 
@@ -643,6 +650,112 @@ class ConcurrentClients(unittest.TestCase):
         for thread in threads:
             thread.join()
         self.assertEqual([], failures)
+
+
+class Settings(unittest.TestCase):
+    """qs-host config: the file of the work folder listed, read and written,
+    the refusals, and a change that a restart brings into force."""
+
+    def config(self, folder, *words):
+        run = subprocess.run([os.path.join(folder, "qs-host"), "config", *ROOT, *words], capture_output=True,
+                             text=True, env=dict(os.environ, **TSAN), timeout=60)
+        return run.returncode, run.stdout, run.stderr
+
+    def test_list_get_set_and_refusals(self):
+        folder = tempfile.mkdtemp(prefix="qs_config_")
+        atexit.register(shutil.rmtree, folder, True)
+        for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
+            shutil.copy(source, os.path.join(folder, name))
+        ini = os.path.join(folder, "QSConfiguration.ini")
+        with open(ini, "w") as out:
+            out.write("[QS]\nEnableCORSAll=1\nServer=\nPort=1\nPort_mn_0=kxp\nPort_mp_0=18625\n")
+        status, listing, _ = self.config(folder)
+        for text in ("Settings file: %s\n" % ini, "ports of this user (%s/user_config.ini): none" % folder,
+                     "port lists: Port: kxp 18625; SSLPort: none"):
+            self.assertIn(text, listing)
+        rows = {line.split()[0]: line.split() for line in listing.splitlines() if line.startswith("  ")}
+        for key, row in (("LogLevel", ["6", "6", "next", "log", "line", "-"]),
+                         ("EnableCORSAll", ["FALSE", "TRUE", "next", "start", '"1"']),
+                         ("Server", ["127.0.0.1", "127.0.0.1", "next", "start", '""']),
+                         ("allow-origin", ['""', '""', "next", "start", "-"]),
+                         ("head-timeout", ["30", "30", "next", "start", "-"])):
+            self.assertEqual([key, *row], rows[key], listing)
+        rows = [  # words -> exit status, standard output or error, the file's text afterwards (None: unchanged)
+            (["get", "enablecorsall"], 0, "FALSE\n", None),
+            (["set", "EnableCORSAll", "False"], 0, "EnableCORSAll: FALSE -> FALSE (%s, [QS] EnableCORSAll=FALSE)\n"
+             "Takes effect when qs-host starts next.\n" % ini, "EnableCORSAll=FALSE\n"),
+            (["set", "LogLevel", "14"], 0, "LogLevel: 6 -> 14", "LogLevel=14\n"),
+            (["set", "allow-origin", "https://app.example, http://[::1]:8080/"], 0, "allow-origin: \"\" -> https://a",
+             "[qs-host]\nallow-origin=https://app.example http://[::1]:8080/\n"),
+            (["get", "allow-origin"], 0, "https://app.example http://[::1]:8080/\n", None),
+            (["set", "max-connections", "64"], 0, "--max-connections on qs-host's command line wins", "max-connections=64"),
+            (["set", "LogLevel", "14"], 0, "LogLevel is 14 in %s already; nothing written\n" % ini, None),
+            (["get", "Nope"], 2, 'qs-host: no setting "Nope"; qs-host config lists them\n', None),
+            (["set", "EnableCORSAll", "1"], 2, 'EnableCORSAll: "1" is not a flag: true or false; nothing written\n', None),
+            (["set", "LogLevel", "15"], 2, '"15" is not a whole number from 0 to 14', None),
+            (["set", "LogLevel", "-1"], 2, "", None),
+            (["set", "head-timeout", "0"], 2, '"0" is not a whole number from 1 to 3600', None),
+            (["set", "allow-origin", "app.example"], 2, '"app.example" is not an origin', None),
+            (["set", "allow-host", "a/b"], 2, '"a/b" is not a host name', None),
+            (["set", "ServiceName", "two\nlines"], 2, "one line of text", None),
+            (["set", "LogLevel"], 2, "config set takes KEY VALUE", None),
+            (["frobnicate"], 2, 'config has no action "frobnicate"', None),
+        ]
+        for words, expected, text, written in rows:
+            with self.subTest(words=words):
+                before = open(ini).read()
+                status, out, err = self.config(folder, *words)
+                self.assertEqual((expected, True), (status, text in (err if status else out)), out + err)
+                after = open(ini).read()
+                self.assertIn(written, after) if written else self.assertEqual(before, after)
+        # A file that cannot be written: refused, left as it was.
+        locked = subprocess.run(["chattr", "+i", ini], capture_output=True).returncode == 0
+        atexit.register(subprocess.run, ["chattr", "-i", ini], capture_output=True)
+        if not locked:
+            os.chmod(ini, 0o444)
+        before = open(ini).read()
+        status, _, err = self.config(folder, "set", "EnableCORSAll", "true")
+        subprocess.run(["chattr", "-i", ini], capture_output=True)
+        self.assertEqual((2, before), (status, open(ini).read()), err)
+        self.assertIn("qs-host: cannot write %s: Operation not permitted; nothing written\n" % ini
+                      if locked else "Permission denied", err)
+        # A value the file holds that is not valid is shown as such and stops the server at start.
+        os.chmod(ini, 0o644)
+        with open(ini, "a") as out:
+            out.write("head-timeout=abc\n")
+        self.assertIn('"abc" not valid: qs-host will not start', self.config(folder)[1])
+        run = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, "--port", "0"], capture_output=True, text=True,
+                             env=dict(os.environ, **TSAN), timeout=60)
+        self.assertEqual((2, 'qs-host: %s, [qs-host] head-timeout: "abc" is not a whole number from 1 to 3600' % ini),
+                         (run.returncode, run.stderr.split(" (qs-host config")[0]))
+
+    def test_cors_off_and_one_origin_after_a_restart(self):
+        host = Host(env={"INVOCATION_ID": "e2e"})
+        evil, app = {"Origin": "https://evil.test", "User-Agent": "e2e"}, {"Origin": "https://app.example",
+                                                                           "User-Agent": "e2e"}
+        try:
+            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "e"), evil)[0])
+            for words, effect in ((["set", "EnableCORSAll", "false"], "EnableCORSAll: TRUE -> FALSE"),
+                                  (["set", "allow-origin", "https://app.example"], "allow-origin: \"\" -> https"),
+                                  (["set", "idle-timeout", "9"], "idle-timeout: 60 -> 9")):
+                status, out, err = self.config(host.folder, *words)
+                self.assertEqual((0, True, True), (status, effect in out,
+                                                   "at the next start: systemctl --user restart qs-host\n" in out), err)
+        finally:
+            host.stop()
+        host = Host(["--idle-timeout", "7"], folder=host.folder)  # the command line wins over the file
+        try:
+            self.assertEqual(403, host.request("POST", "/kxp/", VERSION_INFO % ("1", "e"), evil)[0])
+            status, reply, body = host.request("POST", "/kxp/", VERSION_INFO % ("1", "a"), app)
+            self.assertEqual((200, "https://app.example", True),
+                             (status, reply.get("access-control-allow-origin"), b'"cmdId" : "a"' in body))
+            page = host.request("GET", "/")[2].decode()
+            for text in ("<th>Settings file</th><td>%s/QSConfiguration.ini</td>" % host.folder,
+                         "<th>EnableCORSAll</th><td>FALSE</td>", "<th>allow-origin</th><td>https://app.example</td>",
+                         "<th>idle-timeout</th><td>7</td>"):
+                self.assertIn(text, page)
+        finally:
+            host.stop()
 
 
 if __name__ == "__main__":
