@@ -155,16 +155,17 @@ def upload(i):
 
 
 uploads = parallel(UPLOADS * len(routes), upload)
-time.sleep(0.05)
-began = time.monotonic()
-answered = host.post("/kxp/", COMMAND, {"User-Agent": "host_measure"})[0]
-latency = time.monotonic() - began
+answers = []
+while any(thread.is_alive() for thread in uploads):  # VersionInfo, one after the other, while the flood lasts
+    began = time.monotonic()
+    answers.append(host.post("/kxp/", COMMAND, {"User-Agent": "host_measure"})[0])
+    latency.append(time.monotonic() - began)
 for thread in uploads:
     thread.join()
 print("upload flood: %d x %s bytes from a foreign origin + %d idle connections: peak RSS %.1f MiB (%.1f MiB at "
-      "start); answers %s; VersionInfo in the middle: %s in %.3f s" % (
+      "start); answers %s; %d VersionInfo meanwhile (%s), the slowest in %.3f s" % (
           len(uploads), "/".join(map(str, routes.values())), IDLE_CONNECTIONS, host.status("VmHWM") / 1024,
-          start / 1024, counted(statuses), answered, latency))
+          start / 1024, counted(statuses), len(answers), counted(answers), max(latency, default=0)))
 for sock in idlers:
     sock.close()
 host.stop()

@@ -152,6 +152,12 @@ po::options_description ServeOptions(CommandLine& line) {
        "time an idle connection is kept (default 60)")
       ("max-connections", po::value(&s.limits.maxConnections)->value_name("N"),
        "connections open at once; at the cap the longest idle one is closed (default 512)")
+      ("body-budget", po::value(&s.limits.bodyBudgetMiB)->value_name("MIB"),
+       ("request bodies and WebSocket messages held at once, all connections together; a request over it is "
+        "answered 503 (default " + std::to_string(qs_host::Limits{}.bodyBudgetMiB) + ")").c_str())
+      ("max-records", po::value(&s.limits.maxRecords)->value_name("N"),
+       ("image records stored at once; a new GUID beyond them is answered 507 (default " +
+        std::to_string(qs_host::Limits{}.maxRecords) + ")").c_str())
       ("bench-route", po::bool_switch(&s.benchRoute),
        "also answer /host/bench with a fixed body, without the module (the baseline of the load figure)");
   return options;
@@ -208,6 +214,8 @@ bool Parse(int argc, char** argv, CommandLine* line) {
   if (s.threads < 1 || s.threads > 64) bad = "--threads needs 1 to 64";
   if (s.limits.headSeconds < 1 || s.limits.idleSeconds < 1) bad = "time-outs are whole seconds, at least 1";
   if (s.limits.maxConnections < 1) bad = "--max-connections needs at least 1";
+  if (s.limits.bodyBudgetMiB < 1 || s.limits.bodyBudgetMiB > 65536) bad = "--body-budget needs 1 to 65536 (MiB)";
+  if (s.limits.maxRecords < 1) bad = "--max-records needs at least 1";
   if (bad != nullptr) {
     std::cerr << "qs-host: " << bad << "\n";
     return false;
