@@ -24,6 +24,7 @@ bool BodyLease::Resize(std::uint64_t bytes) {
 
 int RecordBook::Set(const Module& module, const std::string& target, const std::string& data) {
   const std::string guid(RecordGuid(target));
+  if (guid.empty()) return 400;
   std::lock_guard<std::mutex> hold(lock_);
   const bool known = guids_.count(guid) != 0;
   if (const int refusal = RecordStatus(guid.size(), !data.empty(), known, guids_.size(), limit_)) return refusal;

@@ -103,6 +103,8 @@ class WsSession : public AnswerSink, public Connection, public std::enable_share
     host_.connections.SetIdle(tableId_, false);
     const bool done = ws_.is_message_done();
     if (!lease_.Resize(buffer_.size() + (done ? 0 : kPiece))) {
+      buffer_.consume(buffer_.size());
+      lease_.Release();
       return Close(websocket::close_reason(websocket::close_code::try_again_later,
                                            "the service holds as many messages as it may"));
     }
