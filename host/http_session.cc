@@ -288,7 +288,6 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
         raised = true;
         failure = "an exception of unknown type";
       }
-      ReleaseBody();
       host_.afterModuleCall();
     }
     net::post(executor_, [self = this->shared_from_this(), raised, failure = std::move(failure)] {

@@ -648,8 +648,8 @@ class Budgets(unittest.TestCase):
         self.assertEqual(b"\x88\x2e\x03\xf5the service holds as many messages as it may", frame)
         holder.sendall(b"x" * 1048576)
         self.assertEqual(200, status_of(holder.recv(4096)))
-        holder.close()
         self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "b"), {"User-Agent": "e2e"})[0])
+        holder.close()  # answered and still open: what it held was given back with the answer
 
     def test_record_quota(self):
         host = Host(["--max-records", "3"])
