@@ -43,14 +43,6 @@ std::vector<std::shared_ptr<AnswerSink>> SinkRegistry::Live() const {
   return live;
 }
 
-size_t SinkRegistry::Sweep() {
-  std::lock_guard<std::mutex> hold(lock_);
-  for (auto it = sinks_.begin(); it != sinks_.end();) {
-    it = it->second.expired() ? sinks_.erase(it) : std::next(it);
-  }
-  return sinks_.size();
-}
-
 SinkRegistry& Sinks() {
   static SinkRegistry registry;
   return registry;

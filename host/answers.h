@@ -1,6 +1,7 @@
 // How the module's answers find their way back. Every destination (one HTTP
 // exchange, or one WebSocket for its whole life) is registered under a
-// connection index; the module hands that index and the destination's handle
+// connection index (by its owner, which removes it when it is done with it or
+// goes away); the module hands that index and the destination's handle
 // back to the send-back callback, which looks the destination up and gives it
 // a copy of the answer. Destinations deliver on their own strand, so the
 // callback may be called from any thread, during or after DistributeCommand.
@@ -36,8 +37,6 @@ class SinkRegistry {
   void Remove(int connection);
   std::shared_ptr<AnswerSink> Find(int connection, const void* handle) const;
   std::vector<std::shared_ptr<AnswerSink>> Live() const;
-  // Drops entries whose sink is gone; returns how many remain.
-  size_t Sweep();
 
  private:
   mutable std::mutex lock_;

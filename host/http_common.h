@@ -12,6 +12,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,7 @@
 #include "host/connections.h"
 #include "host/module.h"
 #include "host/policy.h"
+#include "host/quotas.h"
 
 namespace qs_host {
 
@@ -34,7 +36,8 @@ using PlainStream = beast::tcp_stream;
 using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
 // Everything a session needs to know about the host; set before the first
-// connection is accepted, then only `stopping` and the table change.
+// connection is accepted, then only `stopping`, the table and the counts of
+// the budget and the record book change.
 struct HostContext {
   Module* module = nullptr;
   std::string alias;
@@ -44,6 +47,10 @@ struct HostContext {
   bool benchRoute = false;
   std::atomic<bool> stopping{false};
   ConnectionTable connections;
+  BodyBudget budget;
+  RecordBook records;
+  // Called after every call into the module (from any thread).
+  std::function<void()> afterModuleCall = [] {};
 };
 
 template <class Fields, class Name>

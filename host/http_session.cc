@@ -20,6 +20,9 @@ constexpr char kBenchAnswer[] =
     "{\n   \"id\" : \"bench\",\n   \"method\" : \"Bench\",\n"
     "   \"result\" : [ \"a fixed answer of the host\", \"no module call\" ]\n}\n";
 
+// The room an idle connection reads the next request's first bytes into.
+constexpr std::size_t kIdleBuffer = 4096;
+
 template <class Stream>
 constexpr bool IsTls() {
   return std::is_same<Stream, TlsStream>::value;
@@ -39,9 +42,9 @@ template <class Stream>
 class HttpSession : public AnswerSink, public Connection, public std::enable_shared_from_this<HttpSession<Stream>> {
  public:
   HttpSession(tcp::socket&& socket, HostContext& host)
-      : stream_(std::move(socket)), executor_(stream_.get_executor()), host_(host) {}
+      : stream_(std::move(socket)), executor_(stream_.get_executor()), host_(host), lease_(host.budget) {}
   HttpSession(tcp::socket&& socket, ssl::context& tls, HostContext& host)
-      : stream_(std::move(socket), tls), executor_(stream_.get_executor()), host_(host) {}
+      : stream_(std::move(socket), tls), executor_(stream_.get_executor()), host_(host), lease_(host.budget) {}
 
   ~HttpSession() override {
     if (exchange_ != 0) Sinks().Remove(exchange_);
@@ -101,8 +104,9 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
     host_.connections.SetIdle(tableId_, true);
     if (buffer_.size() > 0) return ReadHeader();
     Expire(host_.limits.idleSeconds);
-    stream_.async_read_some(buffer_.prepare(4096), [self = this->shared_from_this()](beast::error_code ec,
-                                                                                     std::size_t n) {
+    if (buffer_.capacity() > kIdleBuffer) buffer_.shrink_to_fit();  // an idle connection keeps no room a body needed
+    stream_.async_read_some(buffer_.prepare(kIdleBuffer), [self = this->shared_from_this()](beast::error_code ec,
+                                                                                        std::size_t n) {
       if (ec) return self->Drop();
       self->buffer_.commit(n);
       self->ReadHeader();
@@ -142,7 +146,11 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
     route_ = Classify(request.method_string(), request.target(), host_.benchRoute);
     const std::uint64_t limit = BodyLimitFor(route_, request.target());
     parser_->body_limit(limit);
-    if (auto length = parser_->content_length(); length && *length > limit) return RefuseTooLarge(limit);
+    const auto length = parser_->content_length();
+    if (length && *length > limit) return RefuseTooLarge(limit);
+    // The body's bytes come out of the budget before any of it is read; a
+    // chunked body, of unknown length, takes the route's limit.
+    if (!lease_.Resize(length ? *length : parser_->chunked() ? limit : 0)) return RefuseBusy();
     if (beast::iequals(Header(request, http::field::expect), "100-continue")) {
       continue_ = std::make_shared<http::response<http::empty_body>>(http::status::continue_, request.version());
       http::async_write(stream_, *continue_, [self = this->shared_from_this()](beast::error_code ec, std::size_t) {
@@ -187,6 +195,36 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
                               what + " at most " + std::to_string(limit) + " bytes\n"));
   }
 
+  void RefuseBusy() {
+    Response response = TextResponse(parser_->get(), verdict_, http::status::service_unavailable,
+                                     "the service holds as many request bodies as it may; try again in a moment\n");
+    response.set(http::field::retry_after, std::to_string(kRetryAfterSeconds));
+    SendAndClose(std::move(response));
+  }
+
+  // A refusal of RecordStatus or RecordBook::Set.
+  void RefuseRecord(int status, bool head) {
+    switch (status) {
+      case 414:
+        return Send(TextResponse(request_, verdict_, http::status::uri_too_long,
+                                 "an image-record GUID holds at most " + std::to_string(kMaxGuidBytes) + " bytes\n"),
+                    head);
+      case 507:
+        return Send(TextResponse(request_, verdict_, http::status::insufficient_storage,
+                                 "this service stores at most " + std::to_string(host_.limits.maxRecords) +
+                                     " image records; overwrite or delete one first\n"),
+                    head);
+      default:
+        return Send(TextResponse(request_, verdict_, http::status::bad_request, "the URL names no GUID\n"), head);
+    }
+  }
+
+  // The body has been handed on: its bytes go back to the budget.
+  void ReleaseBody() {
+    std::string().swap(request_.body());
+    lease_.Release();
+  }
+
   void SendAndClose(Response response) {
     keepAlive_ = false;  // whatever follows on the connection is left unread
     Send(std::move(response), false);
@@ -204,6 +242,9 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
                                  std::string(ClientScript())),
                     head);
       case Route::kGetImage: {
+        if (const int refusal = RecordStatus(RecordGuid(request_.target()).size(), false, false, 0, 0)) {
+          return RefuseRecord(refusal, head);
+        }
         std::string record;
         if (host_.module->GetImage(std::string(request_.target()), &record)) {
           return Send(MakeResponse(request_, verdict_, http::status::ok, "application/octet-stream",
@@ -215,10 +256,10 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
       }
       case Route::kSetImage:
         // An empty body deletes the record.
-        if (host_.module->SetImage(std::string(request_.target()), request_.body())) {
-          return Send(MakeResponse(request_, verdict_, http::status::no_content, "", ""), head);
+        if (const int refusal = host_.records.Set(*host_.module, std::string(request_.target()), request_.body())) {
+          return RefuseRecord(refusal, head);
         }
-        return Send(TextResponse(request_, verdict_, http::status::bad_request, "the URL names no GUID\n"), head);
+        return Send(MakeResponse(request_, verdict_, http::status::no_content, "", ""), head);
       case Route::kBench:
       case Route::kModule:
         return Exchange();
@@ -252,6 +293,7 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
         raised = true;
         failure = "an exception of unknown type";
       }
+      host_.afterModuleCall();
     }
     net::post(executor_, [self = this->shared_from_this(), raised, failure = std::move(failure)] {
       self->Finish(raised, failure);
@@ -285,6 +327,7 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
   }
 
   void Send(Response response, bool head) {
+    ReleaseBody();
     response.keep_alive(keepAlive_ && !host_.stopping);
     if (head) {
       // HEAD: the length of what GET would send, without the body.
@@ -342,6 +385,7 @@ class HttpSession : public AnswerSink, public Connection, public std::enable_sha
   Stream stream_;
   net::any_io_executor executor_;
   HostContext& host_;
+  BodyLease lease_;  // what the request being read or handled holds of the budget
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   Request request_;

@@ -49,10 +49,10 @@ int Module::DoAction(int action, const std::string& exeFile, int seed) {
   return doAction_(action, exeFile.c_str(), path_.c_str(), seed);
 }
 
-int Module::Distribute(int connection, void* handle, const std::string& url, const std::string& request,
+int Module::Distribute(int connection, void* handle, const std::string& url, const char* request,
                        const unsigned char* body, unsigned int bodyLen, int browserType, SendBackCallback sendBack,
                        int socket, const std::string& domain) {
-  return distributeCommand_(connection, handle, 0, url.c_str(), request.c_str(), body, bodyLen, browserType,
+  return distributeCommand_(connection, handle, 0, url.c_str(), request, body, bodyLen, browserType,
                             sendBack, socket, domain.c_str(), nullptr, nullptr, nullptr);
 }
 

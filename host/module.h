@@ -35,9 +35,14 @@ class Module {
 
   // One request into the module, with the host's callback; any thread, any
   // number at once. Whatever the module throws reaches the caller.
-  int Distribute(int connection, void* handle, const std::string& url, const std::string& request,
+  int Distribute(int connection, void* handle, const std::string& url, const char* request,
                  const unsigned char* body, unsigned int bodyLen, int browserType, SendBackCallback sendBack,
                  int socket, const std::string& domain);
+  int Distribute(int connection, void* handle, const std::string& url, const std::string& request,
+                 const unsigned char* body, unsigned int bodyLen, int browserType, SendBackCallback sendBack,
+                 int socket, const std::string& domain) {
+    return Distribute(connection, handle, url, request.c_str(), body, bodyLen, browserType, sendBack, socket, domain);
+  }
 
   int WaitTimeout() const { return getWaitTimeout_(); }
   std::string Alias() const;

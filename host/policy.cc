@@ -114,4 +114,19 @@ OriginVerdict RequestPolicy::CheckOrigin(bool present, std::string_view origin) 
              : OriginVerdict::kRefused;
 }
 
+bool BudgetAdmits(std::size_t inUse, std::uint64_t more, std::size_t budget) {
+  return inUse <= budget && more <= budget - inUse;
+}
+
+std::string_view RecordGuid(std::string_view target) {
+  const size_t at = target.find("GUID=");
+  return at == std::string_view::npos ? std::string_view() : target.substr(at + 5);
+}
+
+int RecordStatus(std::size_t guidBytes, bool storing, bool known, std::size_t stored, std::size_t maxRecords) {
+  if (guidBytes > kMaxGuidBytes) return 414;
+  if (storing && !known && stored >= maxRecords) return 507;
+  return 0;
+}
+
 }  // namespace qs_host

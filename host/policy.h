@@ -32,14 +32,18 @@ struct Limits {
   int idleSeconds = 60;        // a connection waiting for the next request
   int maxConnections = 512;    // open at once; at the cap the longest idle goes
   std::size_t headerBytes = 16 * 1024;  // the whole header section
+  int bodyBudgetMiB = 64;      // request bodies and WebSocket messages held at once, all connections together
+  int maxRecords = 16384;      // image records stored through the host (2052 bytes each, about 40 MiB)
 };
 
-// The largest body each route takes: an image record is 2052 bytes, an update
-// package upload up to 64 MiB, any other command 1 MiB; the page, preflights
-// and image reads take none.
+// The largest body each route takes: an image record is 2052 bytes, any
+// command 1 MiB, package uploads as much as a command while the module's
+// command table has no handler that reads a package (its LoadZipFromBytes
+// answers -2200 and CheckUpdateFile drops the body); the page, preflights and
+// image reads take none.
 constexpr std::uint64_t kImageBodyLimit = 2052;
-constexpr std::uint64_t kUploadBodyLimit = 64ull * 1024 * 1024;
 constexpr std::uint64_t kCommandBodyLimit = 1024 * 1024;
+constexpr std::uint64_t kUploadBodyLimit = kCommandBodyLimit;
 std::uint64_t BodyLimitFor(Route route, std::string_view target);
 
 // The methods served, as an Allow header says them.
@@ -84,5 +88,22 @@ class RequestPolicy {
 // Whether `origin` ("scheme://host[:port]") names the loopback over http or
 // https.
 bool IsLoopbackOrigin(std::string_view origin);
+
+// The body budget: whether `more` bytes fit beside the `inUse` bytes that
+// bodies and messages already hold. A request that does not fit is answered
+// 503 with Retry-After (seconds) before its body is read; a WebSocket message
+// that does not fit closes its socket with 1013.
+constexpr int kRetryAfterSeconds = 1;
+bool BudgetAdmits(std::size_t inUse, std::uint64_t more, std::size_t budget);
+
+// Image records: the GUID is everything after "GUID=" up to the end of the
+// target, as the module takes it (empty without "GUID=").
+constexpr std::size_t kMaxGuidBytes = 256;
+std::string_view RecordGuid(std::string_view target);
+// The status a record request gets before it reaches the module: 414 for a
+// GUID over kMaxGuidBytes; 507 for a new GUID (not `known`) to be stored while
+// `stored` records have reached `maxRecords`; 0 to go on (reads, overwrites and
+// deletes are never refused for the count).
+int RecordStatus(std::size_t guidBytes, bool storing, bool known, std::size_t stored, std::size_t maxRecords);
 
 }  // namespace qs_host

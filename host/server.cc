@@ -1,5 +1,7 @@
 #include "host/server.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -19,6 +21,12 @@ namespace {
 
 constexpr auto kStopGrace = std::chrono::seconds(2);
 constexpr auto kStopPoll = std::chrono::milliseconds(10);
+// After a call into the module, the host asks the module's wait timeout this
+// much later: 100 says the module has been idle for more than 30 s, and the
+// memory the requests left free goes back to the system; any other answer
+// means it has been busy since, and the host asks again as much later.
+constexpr auto kIdleCheck = std::chrono::seconds(32);
+constexpr int kModuleIdle = 100;
 
 std::string Joined(const std::vector<std::string>& items) {
   std::string text;
@@ -35,7 +43,7 @@ struct Server::Impl {
         ioc(std::max(1, this->options.threads)),
         tls(ssl::context::tls_server),
         signals(ioc, SIGINT, SIGTERM),
-        housekeeping(net::make_strand(ioc)),
+        idleCheck(net::make_strand(ioc)),
         graceTimer(ioc) {}
 
   // Binds one pair of listeners (127.0.0.1 and ::1) on the first free port.
@@ -76,14 +84,20 @@ struct Server::Impl {
     return true;
   }
 
-  void Housekeep() {
-    Sinks().Sweep();
-    // The module answers 1 while it is busy (or was, within 30 s) and 100
-    // when idle: 10 ms or one second between rounds.
-    const int wait = std::clamp(module.WaitTimeout(), 1, 1000);
-    housekeeping.expires_after(std::chrono::milliseconds(wait * 10));
-    housekeeping.async_wait([this](beast::error_code ec) {
-      if (!ec && !host.stopping) Housekeep();
+  // No clock runs while nothing happens: the check is armed by a call into
+  // the module, once, and disarmed when the module says it is idle.
+  void WatchIdle() {
+    if (!idleArmed.exchange(true)) net::post(idleCheck.get_executor(), [this] { ArmIdleCheck(); });
+  }
+
+  void ArmIdleCheck() {
+    if (host.stopping) return;
+    idleCheck.expires_after(kIdleCheck);
+    idleCheck.async_wait([this](beast::error_code ec) {
+      if (ec || host.stopping) return;
+      idleArmed = false;  // a call from now on arms the check again
+      if (module.WaitTimeout() < kModuleIdle) return WatchIdle();
+      malloc_trim(0);
     });
   }
 
@@ -92,7 +106,7 @@ struct Server::Impl {
     stopSignal = signal;
     Say("qs-host: stopping (signal " + std::to_string(signal) + ")");
     for (auto& listener : listeners) listener->Close();
-    net::post(housekeeping.get_executor(), [this] { housekeeping.cancel(); });
+    net::post(idleCheck.get_executor(), [this] { idleCheck.cancel(); });
     // Requests being answered finish, idle connections close, WebSockets get
     // a close frame. The workers stop when no connection is left, or after
     // the grace (a command in progress still finishes: the workers stop only
@@ -113,7 +127,8 @@ struct Server::Impl {
   net::io_context ioc;
   ssl::context tls;
   net::signal_set signals;
-  net::steady_timer housekeeping;
+  net::steady_timer idleCheck;
+  std::atomic<bool> idleArmed{false};
   net::steady_timer graceTimer;
   HostContext host;
   std::vector<std::shared_ptr<Listener>> listeners;
@@ -133,6 +148,9 @@ bool Server::Start(std::string* error) {
   s.host.policy = RequestPolicy(corsForAll, s.options.allowHosts, s.options.allowOrigins);
   s.host.limits = s.options.limits;
   s.host.benchRoute = s.options.benchRoute;
+  s.host.budget.SetLimit(static_cast<std::size_t>(s.host.limits.bodyBudgetMiB) * 1024 * 1024);
+  s.host.records.SetLimit(static_cast<std::size_t>(s.host.limits.maxRecords));
+  s.host.afterModuleCall = [&s] { s.WatchIdle(); };
   s.host.page = StatusPage(s.host.alias, s.host.policy, s.host.limits, s.options.settingsShown);
   const long descriptors = RaiseDescriptorLimit();
 
@@ -186,7 +204,8 @@ bool Server::Start(std::string* error) {
   }
   Say("qs-host: limits: request head " + std::to_string(limits.headSeconds) + " s, idle " +
       std::to_string(limits.idleSeconds) + " s, " + std::to_string(limits.maxConnections) + " connections (" +
-      std::to_string(descriptors) + " descriptors)");
+      std::to_string(descriptors) + " descriptors), bodies " + std::to_string(limits.bodyBudgetMiB) +
+      " MiB at once, " + std::to_string(limits.maxRecords) + " image records");
   if (tlsPort < 0) Say(Priority::kNotice, "qs-host: TLS off: " + tlsOff);
   const std::string base = "http://127.0.0.1:" + std::to_string(plainPort) + "/";
   Say("listening on " + base);
@@ -203,7 +222,6 @@ int Server::Run() {
     if (!ec) s.BeginStop(signal);
   });
   for (auto& listener : s.listeners) listener->Accept();
-  net::post(s.housekeeping.get_executor(), [&s] { s.Housekeep(); });
 
   std::vector<std::thread> workers;
   for (int i = 1; i < s.options.threads; ++i) workers.emplace_back([&s] { s.ioc.run(); });

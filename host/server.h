@@ -1,8 +1,8 @@
 // The host's network side: HTTP/1.1 and WebSocket on the loopback (and HTTPS
 // and WSS when the module's certificate folder holds a certificate and its
-// key), several worker threads, the request policy of policy.h, idle
-// housekeeping paced by the module's wait timeout, and a clean stop on SIGINT
-// or SIGTERM.
+// key), several worker threads, the request policy of policy.h, the body
+// budget and record quota of quotas.h, memory handed back once the module's
+// wait timeout says it is idle, and a clean stop on SIGINT or SIGTERM.
 #pragma once
 
 #include <memory>

@@ -55,6 +55,11 @@ inline const HostSetting kHostSettings[] = {
      &GetLimit<&Limits::idleSeconds>, &SetLimit<&Limits::idleSeconds>},
     {"max-connections", "N", "connections open at once; at the cap the longest idle one is closed", nullptr,
      nullptr, 1, 1000000, &GetLimit<&Limits::maxConnections>, &SetLimit<&Limits::maxConnections>},
+    {"body-budget", "MIB", "request bodies and WebSocket messages held at once, all connections together; a "
+     "request over it is answered 503", nullptr, nullptr, 1, 65536, &GetLimit<&Limits::bodyBudgetMiB>,
+     &SetLimit<&Limits::bodyBudgetMiB>},
+    {"max-records", "N", "image records stored at once; a new GUID beyond them is answered 507", nullptr, nullptr,
+     1, 1000000, &GetLimit<&Limits::maxRecords>, &SetLimit<&Limits::maxRecords>},
 };
 
 // The setting named `name` (exact), or null.

@@ -170,10 +170,12 @@ std::string StatusPage(const std::string& alias, const RequestPolicy& policy, co
   rows += Row("policy-limits", "Limits",
               "request head " + std::to_string(limits.headSeconds) + " s, idle connection " +
                   std::to_string(limits.idleSeconds) + " s, " + std::to_string(limits.maxConnections) +
-                  " connections, header section " + std::to_string(limits.headerBytes / 1024) + " KiB");
+                  " connections, header section " + std::to_string(limits.headerBytes / 1024) + " KiB, bodies " +
+                  std::to_string(limits.bodyBudgetMiB) + " MiB at once, " + std::to_string(limits.maxRecords) +
+                  " image records (GUID at most " + std::to_string(kMaxGuidBytes) + " bytes)");
   rows += Row("policy-bodies", "Body limits",
               "commands " + std::to_string(kCommandBodyLimit / 1024) + " KiB, package uploads " +
-                  std::to_string(kUploadBodyLimit / (1024 * 1024)) + " MiB, image records " +
+                  std::to_string(kUploadBodyLimit / 1024) + " KiB, image records " +
                   std::to_string(kImageBodyLimit) + " bytes");
   std::string shown;
   for (const auto& setting : settings) {

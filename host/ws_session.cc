@@ -14,11 +14,16 @@ namespace websocket = beast::websocket;
 
 namespace {
 
+// A message's first piece is read before it is counted; further pieces are
+// counted before they are read.
+constexpr std::size_t kFirstPiece = 4096;
+constexpr std::size_t kPiece = 64 * 1024;
+
 template <class Stream>
 class WsSession : public AnswerSink, public Connection, public std::enable_shared_from_this<WsSession<Stream>> {
  public:
   WsSession(Stream&& stream, HostContext& host)
-      : ws_(std::move(stream)), executor_(ws_.get_executor()), host_(host) {}
+      : ws_(std::move(stream)), executor_(ws_.get_executor()), host_(host), lease_(host.budget) {}
 
   ~WsSession() override {
     if (connection_ != 0) Sinks().Remove(connection_);
@@ -79,32 +84,54 @@ class WsSession : public AnswerSink, public Connection, public std::enable_share
     Read();
   }
 
+  // A message is read piece by piece. Its bytes come out of the budget as
+  // they arrive, the room for each further piece before it is read; a message
+  // that does not fit closes the socket with 1013.
   void Read() {
     host_.connections.SetIdle(tableId_, true);
-    ws_.async_read(buffer_, beast::bind_front_handler(&WsSession::OnRead, this->shared_from_this()));
+    ReadPiece(kFirstPiece);
+  }
+
+  void ReadPiece(std::size_t most) {
+    ws_.async_read_some(buffer_, most, beast::bind_front_handler(&WsSession::OnPiece, this->shared_from_this()));
   }
 
   // A message over the limit fails the read; the stream has then sent the
   // close frame with 1009 itself.
-  void OnRead(beast::error_code ec, std::size_t) {
+  void OnPiece(beast::error_code ec, std::size_t) {
     if (ec) return;
     host_.connections.SetIdle(tableId_, false);
-    const bool text = ws_.got_text();
-    const std::string message = beast::buffers_to_string(buffer_.data());
-    buffer_.consume(buffer_.size());
-    static const std::string kNoCommand;
-    const std::string& request = text ? message : kNoCommand;
-    const unsigned char* body =
-        text || message.empty() ? nullptr : reinterpret_cast<const unsigned char*>(message.data());
-    const unsigned int bodyLen = text ? 0 : static_cast<unsigned int>(message.size());
-    try {
-      host_.module->Distribute(connection_, HandleForModule(), url_, request, body, bodyLen, browserType_,
-                               &SendBackToSink, socket_, domain_);
-    } catch (const std::exception& e) {
-      return CloseAfterAnswers(std::string("the module raised: ") + e.what());
-    } catch (...) {
-      return CloseAfterAnswers("the module raised an exception");
+    const bool done = ws_.is_message_done();
+    if (!lease_.Resize(buffer_.size() + (done ? 0 : kPiece))) {
+      buffer_.consume(buffer_.size());
+      lease_.Release();
+      return Close(websocket::close_reason(websocket::close_code::try_again_later,
+                                           "the service holds as many messages as it may"));
     }
+    if (!done) return ReadPiece(kPiece);
+    const bool text = ws_.got_text();
+    const std::size_t size = buffer_.size();
+    // A command goes to the module as text, ending at a 0 byte placed after
+    // the message; a binary message is a body without command. Neither is
+    // copied on the way.
+    if (text) *static_cast<char*>(buffer_.prepare(1).data()) = '\0';
+    const char* bytes = static_cast<const char*>(buffer_.data().data());
+    const unsigned char* body = text || size == 0 ? nullptr : reinterpret_cast<const unsigned char*>(bytes);
+    std::string failure;
+    try {
+      host_.module->Distribute(connection_, HandleForModule(), url_, text ? bytes : "", body,
+                               text ? 0 : static_cast<unsigned int>(size), browserType_, &SendBackToSink, socket_,
+                               domain_);
+    } catch (const std::exception& e) {
+      failure = std::string("the module raised: ") + e.what();
+    } catch (...) {
+      failure = "the module raised an exception";
+    }
+    buffer_.consume(size);
+    if (buffer_.capacity() > kFirstPiece) buffer_.shrink_to_fit();
+    lease_.Release();
+    host_.afterModuleCall();
+    if (!failure.empty()) return CloseAfterAnswers(std::move(failure));
     Read();
   }
 
@@ -159,6 +186,7 @@ class WsSession : public AnswerSink, public Connection, public std::enable_share
   websocket::stream<Stream> ws_;
   net::any_io_executor executor_;
   HostContext& host_;
+  BodyLease lease_;  // what the message being read holds of the budget
   beast::flat_buffer buffer_;
   int connection_ = 0;
   int tableId_ = 0;

@@ -7,6 +7,7 @@ sockets for what no well-behaved client sends, and python3-websocket.
 """
 import atexit
 import fcntl
+import glob
 import http.client
 import os
 import re
@@ -23,7 +24,7 @@ import unittest
 
 import websocket
 
-QS_HOST = MODULE = STANDIN = PARTIAL = None
+QS_HOST = MODULE = STANDIN = PARTIAL = SANITIZED = None
 VERSION_INFO = '{"id":"%s","cmdId":"%s","method":"VersionInfo"}'
 # qs-host refuses root unless told; ThreadSanitizer's runtime of this toolchain
 # mis-sizes the thread-local blocks of a dlopen()ed library unless told.
@@ -533,7 +534,7 @@ class StrictHttp(unittest.TestCase):
             (b"POST /kxp/ HTTP/1.1\r\n" + head + b"Content-Length: 1048577\r\n\r\n", 413, b"at most 1048576 bytes"),
             (b"POST /SetEncryptedImageMap?GUID=a HTTP/1.1\r\n" + head + b"Content-Length: 2053\r\n\r\n", 413,
              b"an image record holds at most 2052 bytes"),
-            (b"POST /LoadZipFromBytes HTTP/1.1\r\n" + head + b"Content-Length: 67108865\r\n\r\n", 413, b""),
+            (b"POST /LoadZipFromBytes HTTP/1.1\r\n" + head + b"Content-Length: 1048577\r\n\r\n", 413, b"at most 1048576"),
             (b"GET / HTTP/1.1\r\n" + head + b"Content-Length: 1\r\n\r\nx", 413, b""),
             (b"POST /SetEncryptedImageMap?GUID=c HTTP/1.1\r\n" + head +
              b"Transfer-Encoding: chunked\r\n\r\n900\r\n" + b"x" * 0x900 + b"\r\n0\r\n\r\n", 413, b""),
@@ -613,6 +614,93 @@ class Limits(unittest.TestCase):
         self.assertTrue(closed(idle[0]), "the longest idle connection made room")
         for sock in idle:
             sock.close()
+
+
+class Budgets(unittest.TestCase):
+    """What all pages together can make the host hold, and what it costs idle."""
+
+    def test_upload_flood_within_memory(self):
+        host = Host()
+        self.addCleanup(host.stop)
+        idle = [socket.create_connection(("127.0.0.1", host.port)) for _ in range(400)]
+        body, statuses, slowest = b"PK\3\4" + b"u" * (1024 * 1024 - 4), [], []
+        foreign = {"Origin": "https://evil.test", "User-Agent": "e2e", "Content-Type": "text/plain"}
+        uploads = [threading.Thread(target=lambda path: statuses.append(host.request("POST", path, body, foreign)[0]),
+                                    args=(path,)) for path in ("/LoadZipFromBytes?type=1", "/CheckUpdateFile") * 16]
+        for upload in uploads:
+            upload.start()
+        while any(upload.is_alive() for upload in uploads):
+            began = time.monotonic()
+            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "f"), {"User-Agent": "e2e"})[0])
+            slowest.append(time.monotonic() - began)
+        for sock in idle:
+            sock.close()
+        self.assertEqual(([200] * 32, True), (statuses, max(slowest) < 1.0), slowest)
+        if not SANITIZED:
+            self.assertLess(proc_values(host, "status", r"VmHWM:\s+(\d+)")[0], 128 * 1024)
+
+    def test_bodies_over_the_budget_are_refused_before_they_are_read(self):
+        host = Host(["--body-budget", "1"])
+        self.addCleanup(host.stop)
+        holder = socket.create_connection(("127.0.0.1", host.port), timeout=10)
+        holder.sendall(b"POST /LoadZipFromBytes?type=1 HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: e2e\r\n"
+                       b"Expect: 100-continue\r\nContent-Length: 1048576\r\n\r\n")
+        self.assertIn(b" 100 Continue", holder.recv(100))  # the whole budget is taken
+        status, reply, text = host.request("POST", "/kxp/", VERSION_INFO % ("1", "b"), {"User-Agent": "e2e"})
+        self.assertEqual((503, "1", b"the service holds as many request bodies as it may; try again in a moment\n"),
+                         (status, reply.get("retry-after"), text))
+        self.assertEqual(200, host.request("GET", "/")[0], "no body, nothing taken")
+        ws = host.websocket()
+        ws.send(VERSION_INFO % ("1", "w"))
+        frame = ws.sock.recv(100)  # the client library takes 1013 for an invalid code
+        self.assertEqual(b"\x88\x2e\x03\xf5the service holds as many messages as it may", frame)
+        holder.sendall(b"x" * 1048576)
+        self.assertEqual(200, status_of(holder.recv(4096)))
+        self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "b"), {"User-Agent": "e2e"})[0])
+        holder.close()  # answered and still open: what it held was given back with the answer
+
+    def test_record_quota(self):
+        host = Host(["--max-records", "3"])
+        self.addCleanup(host.stop)
+        rows = [  # method, GUID, body -> status, the answer's beginning
+            ("POST", "A", "a", 204, b""), ("POST", "B", "b", 204, b""), ("POST", "C", "c", 204, b""),
+            ("POST", "D", "d", 507, b"this service stores at most 3 image records; overwrite or delete one first\n"),
+            ("POST", "A", "a2", 204, b""), ("GET", "A", None, 200, b"a2\0"),  # overwritten at the quota
+            ("POST", "B", "", 204, b""), ("POST", "D", "d", 204, b""),  # deleted, then room for one
+            ("POST", "X", "", 204, b""), ("POST", "E" * 256, "e", 507, b""),  # no record, no room made
+            ("POST", "E" * 257, "e", 414, b"an image-record GUID holds at most 256 bytes\n"),
+            ("GET", "E" * 257, None, 414, b"an image-record GUID"), ("GET", "D", None, 200, b"d\0"),
+        ]
+        for method, guid, body, status, text in rows:
+            path = "/%sEncryptedImageMap?GUID=%s" % ("Set" if body is not None else "Get", guid)
+            with self.subTest(method=method, guid=guid[:8], body=body):
+                got, _, content = host.request(method, path, body)
+                self.assertEqual((status, text), (got, content[:len(text)]))
+
+    def test_no_wake_ups_without_work(self):
+        if SANITIZED == b"tsan":
+            self.skipTest("ThreadSanitizer's own thread wakes on a clock")
+        host = Host()
+        self.addCleanup(host.stop)
+        kept = [http.client.HTTPConnection("127.0.0.1", host.port, timeout=20) for _ in range(20)]
+        for connection in kept:
+            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "i"), {}, connection=connection)[0])
+        for what in ("20 idle keep-alive connections", "no connection"):
+            time.sleep(0.5)
+            before = sum(proc_values(host, "task/*/status", r"ctxt_switches:\s+(\d+)"))
+            time.sleep(3)
+            self.assertLessEqual(sum(proc_values(host, "task/*/status", r"ctxt_switches:\s+(\d+)")) - before, 2, what)
+            for connection in kept:
+                connection.close()
+
+
+def proc_values(host, files, pattern):
+    """The numbers `pattern` finds in the host's /proc files."""
+    found = []
+    for name in glob.glob("/proc/%d/%s" % (host.process.pid, files)):
+        with open(name) as text:
+            found += map(int, re.findall(pattern, text.read()))
+    return found
 
 
 class ConcurrentClients(unittest.TestCase):
@@ -760,4 +848,7 @@ class Settings(unittest.TestCase):
 
 if __name__ == "__main__":
     QS_HOST, MODULE, STANDIN, PARTIAL = sys.argv[1:5]
+    with open(QS_HOST, "rb") as binary:  # memory and wake-up figures of a sanitizer's runtime are its own
+        SANITIZED = (lambda data: next((kind for kind in (b"asan", b"tsan") if b"__%s_init" % kind in data), None))(
+            binary.read())
     unittest.main(argv=[sys.argv[0], "-v", *sys.argv[5:]])
