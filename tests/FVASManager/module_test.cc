@@ -39,6 +39,10 @@ using qs_test::ModuleHost;
 std::string Document(const std::string& members, const std::string& cmdId) {
   return "{\n" + members + ",\n\t\"cmdId\" : \"" + cmdId + "\"\n}\n";
 }
+std::string Ok(const std::string& id, const std::string& method, const std::string& result,
+               const std::string& cmdId = "") {
+  return Document("   \"id\" : \"" + id + "\",\n   \"method\" : \"" + method + "\",\n   \"result\" : " + result, cmdId);
+}
 std::string Failed(const std::string& id, const std::string& method, int code, const std::string& why,
                    const std::string& result = "[ false ]", const std::string& cmdId = "") {
   return Document("   \"description\" : \"" + why + "\",\n   \"exception\" : " + std::to_string(code) +
@@ -69,7 +73,7 @@ class ModuleTest : public testing::Test {
 };
 
 TEST_F(ModuleTest, AnswersOfEveryCommandAndUrlClass) {
-  const std::string notFound = "Function not found";
+  const std::string notFound = "Function not found", service = "[ \"0\", \"Quintaris Service\" ]";
   const struct {
     const char* url;
     std::string request;
@@ -77,27 +81,20 @@ TEST_F(ModuleTest, AnswersOfEveryCommandAndUrlClass) {
     std::string answer;
   } rows[] = {
       {"/kxp/cmd", R"({"id":"7","cmdId":"c1","method":"VersionInfo","version":"fvasm2_14331212"})", 1,
-       Document("   \"id\" : \"7\",\n   \"method\" : \"VersionInfo\",\n   \"result\" : [\n"
-                "      \"14, 3, 3, 1212\",\n      \"Quintaris Service Manager Module\",\n      \"0\",\n"
-                "      \"false\",\n      \"32\"\n   ]",
-                "c1")},
+       Ok("7", "VersionInfo", "[\n      \"14, 3, 3, 1212\",\n      \"Quintaris Service Manager Module\",\n"
+                              "      \"0\",\n      \"false\",\n      \"32\"\n   ]", "c1")},
       // The legacy tag: the old version text, never the enhanced mode; short enough for one line.
       {"/kxp/", R"({"id":"1","method":"VersionInfo","version":"fvasm_13000404"})", 1,
-       Document("   \"id\" : \"1\",\n   \"method\" : \"VersionInfo\",\n   \"result\" : [ \"13,0,0,0404\", "
-                "\"Quintaris Service Manager Module\", \"0\", \"false\", \"32\" ]",
-                "")},
+       Ok("1", "VersionInfo", "[ \"13,0,0,0404\", \"Quintaris Service Manager Module\", \"0\", \"false\", \"32\" ]")},
       // On this platform every SID is empty: the key "0" answers -2408.
       {"/kxp/cmd", R"({"id":"8","cmdId":"c2","method":"GetPorts","parameter":["0"]})", 1,
        Failed("8", "GetPorts", -2408, "User SID is empty.", "[ \"0\", false ]", "c2")},
       {"/kxp/", R"({"id":"3","method":"GetPorts","parameter":[]})", 1,
        Failed("3", "GetPorts", -2202, "Invalid parameter count.")},
-      {"/kxp/", R"({"id":"2","cmdId":"q","method":"QSVersion"})", 1,
-       Document("   \"id\" : \"2\",\n   \"method\" : \"QSVersion\",\n   \"result\" : [ \"0\", \"Quintaris Service\" ]",
-                "q")},
+      {"/kxp/", R"({"id":"2","cmdId":"q","method":"QSVersion"})", 1, Ok("2", "QSVersion", service, "q")},
       // Parameters make the version empty.
       {"/kxp/", R"({"id":"2","method":"QSVersion","parameter":[1]})", 1,
-       Document("   \"id\" : \"2\",\n   \"method\" : \"QSVersion\",\n   \"result\" : [ 1, \"\", \"Quintaris Service\" ]",
-                "")},
+       Ok("2", "QSVersion", "[ 1, \"\", \"Quintaris Service\" ]")},
       {"/kxp/", R"({"id":"4","cmdId":"u","method":"versioninfo"})", 1, Failed("4", "versioninfo", -2200, notFound,
                                                                               "[ false ]", "u")},
       {"/kxp/", R"({"id":"5","method":"VersionInfo"})", 0,
@@ -105,9 +102,7 @@ TEST_F(ModuleTest, AnswersOfEveryCommandAndUrlClass) {
                                          "in Chrome!")},
       {"/kxp/", "not json at all", 1, Failed("", "", -2200, notFound)},
       // The header block is the command; what follows the blank line is the body.
-      {"/kxp/x", "{\"id\":\"6\",\"method\":\"QSVersion\"}\r\n\r\nDATA", 1,
-       Document("   \"id\" : \"6\",\n   \"method\" : \"QSVersion\",\n   \"result\" : [ \"0\", \"Quintaris Service\" ]",
-                "")},
+      {"/kxp/x", "{\"id\":\"6\",\"method\":\"QSVersion\"}\r\n\r\nDATA", 1, Ok("6", "QSVersion", service)},
       {"/other", R"({"id":"1","method":"QSVersion"})", 1, "Invalid command"},
       {"/x/kxp/", R"({"id":"1","method":"QSVersion"})", 1, "Invalid command"},  // /kxp/ must begin the path
       {"/kxp/", "", 1, "Invalid command"},
@@ -148,26 +143,25 @@ TEST_F(ModuleTest, ConstantsActionsAndTheWaitTimeout) {
   EXPECT_EQ("18625 18993", std::to_string(ports[0]) + " " + std::to_string(ports[1]));
   host_.GetPorts(true, ports);
   EXPECT_EQ("18626 18994 -1", std::to_string(ports[0]) + " " + std::to_string(ports[1]) + " " + std::to_string(ports[2]));
-  EXPECT_EQ("0 0 0 1 1", std::to_string(host_.DoAction(1, nullptr, nullptr, 0)) + " " +
-                             std::to_string(host_.DoAction(5, nullptr, nullptr, 0)) + " " +
-                             std::to_string(host_.DoAction(-1, nullptr, nullptr, 0)) + " " +
-                             std::to_string(host_.DoAction(2, "/x/exe", "/x/module", 7)) + " " +
-                             std::to_string(host_.DoAction(3, nullptr, nullptr, 0)));
+  std::string results;
+  for (const int action : {1, 5, -1, 2, 3}) results += std::to_string(host_.DoAction(action, "/x/exe", "/x/module", 7));
+  EXPECT_EQ("00011", results);
 
   // 1 while busy or within 30 s of the last activity (a command, an answer
   // through SendBack), 100 after.
+  // The timeouts 30 and 31 s after `last`.
+  auto after = [this](long long last) {
+    g_fakeNow = last + 30;
+    const int within = host_.GetWaitTimeout();
+    g_fakeNow = last + 31;
+    return std::to_string(within) + " " + std::to_string(host_.GetWaitTimeout());
+  };
   EXPECT_EQ(1, host_.GetWaitTimeout()) << "before the first command";
   g_fakeNow = 2000000;
   host_.Send("/kxp/", R"({"id":"1","method":"QSVersion"})");
-  g_fakeNow = 2000030;
-  EXPECT_EQ(1, host_.GetWaitTimeout());
-  g_fakeNow = 2000031;
-  EXPECT_EQ(100, host_.GetWaitTimeout());
+  EXPECT_EQ("1 100", after(2000000));
   EXPECT_EQ(1, host_.SendBack(&AnswerLog::Callback, 5, nullptr, "hello", "ab", 2, "x"));
-  g_fakeNow = 2000061;
-  EXPECT_EQ(1, host_.GetWaitTimeout()) << "the answer counted as activity";
-  g_fakeNow = 2000062;
-  EXPECT_EQ(100, host_.GetWaitTimeout());
+  EXPECT_EQ("1 100", after(2000031)) << "the answer counted as activity";
   EXPECT_EQ(0, host_.SendBack(nullptr, 5, nullptr, "x", nullptr, 0, nullptr));
   // A command on another thread: its answer and its end are activity, and
   // neither keeps the lock from this thread.
@@ -180,10 +174,7 @@ TEST_F(ModuleTest, ConstantsActionsAndTheWaitTimeout) {
   EXPECT_EQ(100, host_.GetWaitTimeout()) << "answered at 2000062, still running";
   g_answering = 2;
   command.join();
-  g_fakeNow = 2000230;
-  EXPECT_EQ(1, host_.GetWaitTimeout());
-  g_fakeNow = 2000231;
-  EXPECT_EQ(100, host_.GetWaitTimeout());
+  EXPECT_EQ("1 100", after(2000200));
   const std::vector<qs_test::Answer> answers = AnswerLog::Instance().Take();
   ASSERT_EQ(3u, answers.size());
   EXPECT_EQ("5 hello ab x", std::to_string(answers[1].connection) + " " + answers[1].text + " " + answers[1].data +

@@ -28,9 +28,9 @@ inline bool InOwnFolder() { return getenv("QS_TEST_OWN_FOLDER") != nullptr; }
 
 // Copies this binary into `folder` (a path without shell characters, as
 // TempDir makes them) and runs the current test there. Returns the child's
-// exit status (0 when its assertions passed), or -1; what the child printed
-// goes to `output` and, on failure, into the test log.
-inline int RunInOwnFolder(const std::string& folder, std::string* output = nullptr) {
+// exit status (0 when its assertions passed), or -1; on failure what the child
+// printed goes into the test log.
+inline int RunInOwnFolder(const std::string& folder) {
   const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
   const std::string exe = folder + "/qs_test_host";
   std::error_code error;
@@ -46,7 +46,6 @@ inline int RunInOwnFolder(const std::string& folder, std::string* output = nullp
   const int status = pclose(child);
   const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   if (code != 0) ADD_FAILURE() << "the run in " << folder << " failed:\n" << text;
-  if (output != nullptr) *output = text;
   return code;
 }
 

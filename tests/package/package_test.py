@@ -1,13 +1,8 @@
 #!/usr/bin/python3
-"""The Debian package, end to end without a service manager: built with CPack
-from this build folder, its control fields and files, the extracted tree run
-under socket activation with its state in a folder of the test's (an upgrade
-keeping a changed setting), the units verified and enabled into a scratch root,
-and the unit's sandbox checked against the system calls qs-host really makes.
-
-    package_test.py BUILD_FOLDER VERSION
-"""
+"""The Debian package built with CPack from BUILD_FOLDER, end to end without a service manager.
+    package_test.py BUILD_FOLDER VERSION"""
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -29,8 +24,7 @@ def run(command, **options):
 
 
 def read(path):
-    with open(path) as source:
-        return source.read()
+    return pathlib.Path(path).read_text()
 
 
 def free_port():
@@ -47,7 +41,6 @@ def post(port, body, timeout=20):
 
 
 def snapshot(folder):
-    """Every path under `folder` with its size and modification time."""
     return {path: (os.lstat(path).st_size, os.lstat(path).st_mtime_ns)
             for base, folders, files in os.walk(folder) for path in (os.path.join(base, n) for n in folders + files)}
 
@@ -90,8 +83,7 @@ class Package(unittest.TestCase):
             self.assertIn(line, read(os.path.join(control, script)))
 
     def start(self, home, state, port):
-        """The extracted qs-host under socket activation, as the socket unit
-        would start it, with the user's folders pointed at the test's."""
+        """The extracted qs-host as the socket unit would start it, with the test's folders."""
         log = open(os.path.join(self.work, "host-%d.log" % port), "w+")
         process = subprocess.Popen(
             ["systemd-socket-activate", "-l", "127.0.0.1:%d" % port, "--fdname=http", "-E", "HOME=" + home,
@@ -180,10 +172,7 @@ class Package(unittest.TestCase):
         self.assertFalse(os.path.exists(os.path.join(scratch, "etc/systemd/user/sockets.target.wants")))
 
     def test_sandbox_fits_the_system_calls_qs_host_makes(self):
-        """Every system call of a serving qs-host (start, commands over HTTP and
-        WebSocket, image records, stop) is in the unit's @system-service set,
-        its sockets are of the allowed families, and no memory is ever
-        writable and executable at once (MemoryDenyWriteExecute)."""
+        """A serving qs-host's system calls, socket families and mappings fit the unit's sandbox."""
         import websocket
         trace, home = os.path.join(self.work, "trace"), os.path.join(self.work, "traced")
         os.makedirs(home)
@@ -218,7 +207,6 @@ class Package(unittest.TestCase):
 
     @staticmethod
     def expanded(group, seen=None):
-        """The system calls of a filter set, its nested sets included."""
         seen, names = seen if seen is not None else set(), set()
         for entry in (line.strip() for line in run(["systemd-analyze", "syscall-filter", group]).stdout.splitlines()[1:]):
             if entry.startswith("@") and entry not in seen:

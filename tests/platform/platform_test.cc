@@ -201,6 +201,12 @@ TEST(Folder, RemoveDirStopsAfterTheFirstSubDirectory) {
 
 // ---- Reader-writer locks ---------------------------------------------------------------
 
+// "status readers writers" of the calling thread and the lock.
+std::string State(CReaderWriterLock& lock) {
+  return std::to_string(lock.GetCurrentThreadStatus()) + " " + std::to_string(lock.ReaderCount()) + " " +
+         std::to_string(lock.WriterCount());
+}
+
 // Another thread that holds a reader lock from construction until Release().
 class OtherReader {
  public:
@@ -239,9 +245,7 @@ TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
   lock.ReleaseWriterLock();
   lock.AcquireReaderLock(INFINITE);
   lock.ReleaseWriterLock();
-  EXPECT_EQ(1u, lock.GetCurrentThreadStatus()) << "a reader inside a writer stays a reader";
-  EXPECT_EQ(1u, lock.ReaderCount());
-  EXPECT_EQ(0u, lock.WriterCount());
+  EXPECT_EQ("1 1 0", State(lock)) << "a reader inside a writer stays a reader";
   lock.ReleaseReaderLock();
   EXPECT_EQ(0, lock.ThreadRecordCount());
 
@@ -259,15 +263,14 @@ TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
   other.Release();
   upgrader.wait();
   EXPECT_EQ(0x10002u, status.load());
-  EXPECT_EQ(0u, lock.ReaderCount() + lock.WriterCount());
+  EXPECT_EQ("0 0 0", State(lock));
 
   // Beside another reader, an upgrade that may not wait, or whose wait runs
   // out, leaves the thread reading as before.
   OtherReader holder(lock);
   ASSERT_TRUE(lock.AcquireReaderLock(INFINITE));
   EXPECT_FALSE(lock.AcquireWriterLock(0) || lock.AcquireWriterLock(30));
-  EXPECT_EQ("1 2 0", std::to_string(lock.GetCurrentThreadStatus()) + " " + std::to_string(lock.ReaderCount()) + " " +
-                         std::to_string(lock.WriterCount()));
+  EXPECT_EQ("1 2 0", State(lock));
   // With a writer queued, an upgrade whose wait runs out waits on as a reader
   // and takes the lock after that writer has been and gone.
   std::atomic<bool> writerDone{false};
@@ -283,9 +286,9 @@ TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
   });
   EXPECT_TRUE(lock.AcquireWriterLock(30));
   EXPECT_TRUE(writerDone.load()) << "the queued writer went first";
-  EXPECT_EQ(0x10001u, lock.GetCurrentThreadStatus());
+  EXPECT_EQ("65537 0 1", State(lock));
   lock.ReleaseAllLocks();
-  EXPECT_EQ(0u, lock.ReaderCount() + lock.WriterCount());
+  EXPECT_EQ("0 0 0", State(lock));
 }
 
 TEST(ReaderWriterLock, WritersGoFirstAndEveryBlockedReaderProceeds) {
