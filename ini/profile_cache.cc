@@ -1,7 +1,9 @@
 #include "ini/profile_cache.h"
 
 #include <pthread.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <ctime>
 #include <sstream>
 #include <string_view>
@@ -139,14 +141,17 @@ ProfileCache::Entry* ProfileCache::WatchedEntry(const char* fileName) {
   // read leaves a notice that drops the entry. A read is kept only when no
   // notice of its file arrived while it ran (one that did may have met the
   // file half-written); it is tried again a few times, then handed to the
-  // caller alone. What cannot be read (missing, gone meanwhile, a folder, a
-  // FIFO...) reads as empty and is never kept.
+  // caller alone. Nothing at all at the path is kept as the empty document
+  // it reads as: whatever appears there later leaves a notice in the folder.
+  // Anything else that cannot be read (a folder, a FIFO, a link to nothing
+  // whose target may appear elsewhere...) reads as empty and is never kept.
   m_unkept = Entry();
   m_unkept.document = EmptyDocument();
   const std::string path(fileName);
   for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
     std::string bytes;
-    if (!ReadRegularFile(fileName, &bytes)) return &m_unkept;
+    struct stat st;
+    if (!ReadRegularFile(fileName, &bytes) && (lstat(fileName, &st) == 0 || errno != ENOENT)) return &m_unkept;
     Entry entry;
     entry.watchId = watchId;
     entry.document = Parse(bytes);

@@ -20,8 +20,10 @@
 //
 // Either way, a read is kept only when the file did not change while it ran
 // (a read that may have met a half-written file is tried again), and a read
-// that found no readable file (missing, gone, a folder, a FIFO...) reads as
-// empty and is never kept. The very next read after a change sees it. Documents are
+// that found no readable file (a folder, a FIFO, a link to nothing...) reads
+// as empty and is never kept; only a watched folder keeps "nothing at this
+// path" (whatever appears there leaves a notice). The very next read after a
+// change sees it. Documents are
 // immutable once published, so any number of threads may read them at once.
 // A forked child starts with an empty cache of its own.
 #pragma once
