@@ -1,10 +1,6 @@
 #!/usr/bin/python3
-"""qs-host end to end: a copy of qs-host and the module in a fresh folder,
-driven over real loopback sockets with the standard library's HTTP client, raw
-sockets for what no well-behaved client sends, and python3-websocket.
-
-    host_e2e.py QS_HOST MODULE STANDIN_MODULE PARTIAL_STANDIN_MODULE [TestClass ...]
-"""
+"""qs-host end to end in fresh folders, over loopback: http.client, raw sockets, python3-websocket.
+    host_e2e.py QS_HOST MODULE STANDIN_MODULE PARTIAL_STANDIN_MODULE [TestClass ...]"""
 import atexit
 import fcntl
 import glob
@@ -26,15 +22,13 @@ import websocket
 
 QS_HOST = MODULE = STANDIN = PARTIAL = SANITIZED = None
 VERSION_INFO = '{"id":"%s","cmdId":"%s","method":"VersionInfo"}'
-# qs-host refuses root unless told; ThreadSanitizer's runtime of this toolchain
-# mis-sizes the thread-local blocks of a dlopen()ed library unless told.
+# kept: qs-host refuses root unless told; this toolchain's TSan mis-sizes a dlopen()ed library's TLS unless told.
 ROOT = ["--allow-root"] if os.geteuid() == 0 else []
 TSAN = {"TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + ":intercept_tls_get_addr=0"}
 
 
 class Host:
-    """qs-host and a module (the real one, or the stand-in as "standin.so") in
-    a folder of their own; stop() sends SIGTERM and expects exit status 0."""
+    """qs-host and the module (or a stand-in "standin.so") in a folder; stop() expects exit status 0."""
 
     def __init__(self, args=(), configuration=None, module=None, env=None, port_arg=("--port", "0"), files=None,
                  handed=None, folder=None):
@@ -79,8 +73,7 @@ class Host:
         code, _ = self.process.wait(60), self.reader.join(10)
         return code
 
-    def discard(self):
-        """At exit: a host that a failure or time-out left running is killed before its folder goes."""
+    def discard(self):  # at exit: a host that a failure or time-out left running is killed before its folder goes.
         if self.process is not None and self.process.poll() is None:
             self.process.kill()
             self.process.wait()
@@ -100,7 +93,6 @@ class Host:
             raise AssertionError("qs-host exited with %s:\n%s" % (code, self.output()))
 
     def request(self, method, path, body=None, headers=None, host=None, connection=None):
-        """One request, on a fresh connection unless one is given."""
         c = connection or http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
         try:
             c.putrequest(method, path, skip_host=True, skip_accept_encoding=True)
@@ -115,8 +107,10 @@ class Host:
             if connection is None:
                 c.close()
 
-    def raw(self, data):
-        """Sends bytes as they are; what comes back until the host closes."""
+    def command(self, cmd_id, headers=None, **options):  # VersionInfo on /kxp/
+        return self.request("POST", "/kxp/", VERSION_INFO % ("1", cmd_id), headers or {"User-Agent": "e2e"}, **options)
+
+    def raw(self, data):  # sends bytes as they are; what comes back until the host closes.
         with socket.create_connection(("127.0.0.1", self.port), timeout=10) as sock:
             sock.sendall(data)
             received = b""
@@ -131,8 +125,7 @@ class Host:
                                            origin=origin, suppress_origin=origin is None)
 
 
-def closed(sock):
-    """Whether the peer closed: an end of stream, or a reset."""
+def closed(sock):  # whether the peer closed: an end of stream, or a reset.
     try:
         return sock.recv(100) == b""
     except ConnectionResetError:
@@ -143,21 +136,40 @@ def status_of(reply):
     return int(reply.split(b" ", 2)[1]) if reply.startswith(b"HTTP/1.") else None
 
 
+def close_of(frame):
+    return int.from_bytes(frame.data[:2], "big"), frame.data[2:]
+
+
+def work_folder(prefix):  # a fresh folder with qs-host and the module, removed at exit.
+    folder = tempfile.mkdtemp(prefix=prefix)
+    atexit.register(shutil.rmtree, folder, True)
+    for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
+        shutil.copy(source, os.path.join(folder, name))
+    return folder
+
+
+def run(folder, *args):  # qs-host of `folder` run to its end: exit status, standard output, standard error.
+    done = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, *args], capture_output=True, text=True,
+                          env=dict(os.environ, **TSAN), timeout=60)
+    return done.returncode, done.stdout, done.stderr
+
+
+def started(test, *args, **options):  # a Host that `test` stops when it ends.
+    host = Host(*args, **options)
+    test.addCleanup(host.stop)
+    return host
+
+
 CHROME = "Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko) Chrome/120.0 Safari/537.36"
 FIREFOX = "Mozilla/5.0 (X11; Linux x86_64; rv:128.0) Gecko/20100101 Firefox/128.0"
 
 
-class Routes(unittest.TestCase):
-    """Which route answers what, with the real module: status codes, content
-    types, ids. (The documents themselves are pinned by the module's tests.)"""
+class Routes(unittest.TestCase):  # which route answers what (the module's tests pin its documents)
 
     @classmethod
     def setUpClass(cls):
         cls.host = Host(["--threads", "4"])
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.host.stop()
+        cls.addClassCleanup(cls.host.stop)
 
     def test_http_routes(self):
         kept = http.client.HTTPConnection("127.0.0.1", self.host.port, timeout=20)
@@ -188,21 +200,18 @@ class Routes(unittest.TestCase):
         self.assertEqual((200, str(len(page)), b""), (status, reply["content-length"], content))
 
     def test_websocket_routes(self):
-        ws = self.host.websocket("/kxp/")
-        for command, text in ((VERSION_INFO % ("1", "a"), '"cmdId" : "a"'),
-                              ('{"id":"4","cmdId":"d","method":"GetPorts","parameter":["0"]}', '"exception" : -2408')):
-            ws.send(command)
-            self.assertIn(text, ws.recv())
-        ws.close()
-        for path, agent, text in (("/elsewhere", "e2e", "Invalid command"), ("/kxp/", None, '"exception" : -2205')):
+        for path, agent, command, text in (  # each on a connection of its own
+                ("/kxp/", "e2e", VERSION_INFO % ("1", "a"), '"cmdId" : "a"'),
+                ("/kxp/", "e2e", '{"id":"4","cmdId":"d","method":"GetPorts","parameter":["0"]}', '"exception" : -2408'),
+                ("/elsewhere", "e2e", '{"id":"1","method":"QSVersion"}', "Invalid command"),
+                ("/kxp/", None, '{"id":"1","method":"QSVersion"}', '"exception" : -2205')):
             ws = self.host.websocket(path, agent=agent)
-            ws.send('{"id":"1","method":"QSVersion"}')
+            ws.send(command)
             self.assertIn(text, ws.recv())
             ws.close()
 
 
-class Lifecycle(unittest.TestCase):
-    """TLS, the stop, one command without a server."""
+class Lifecycle(unittest.TestCase):  # tLS, the stop, one command without a server.
 
     def test_tls_beside_plain(self):
         folder = tempfile.mkdtemp(prefix="qs_cert_")
@@ -234,21 +243,15 @@ class Lifecycle(unittest.TestCase):
         idle = socket.create_connection(("127.0.0.1", host.port), timeout=10)
         host.process.send_signal(signal.SIGTERM)
         frame = ws.recv_frame()
-        self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1001, b"the service stops"),
-                         (frame.opcode, int.from_bytes(frame.data[:2], "big"), frame.data[2:]))
+        self.assertEqual((websocket.ABNF.OPCODE_CLOSE, (1001, b"the service stops")), (frame.opcode, close_of(frame)))
         self.assertEqual(0, host.wait())
         self.assertTrue(closed(idle))
         idle.close()
-        self.assertIn("qs-host: stopping (signal 15)\n", host.output())
-        self.assertIn("qs-host: stopped after signal 15; module released (DoAction 3)\n", host.output())
-        host.stop()
+        self.assertIn("qs-host: stopping (signal 15)\nqs-host: stopped after signal 15; module released (DoAction 3)\n",
+                      host.output())
 
     def test_call(self):
-        folder = tempfile.mkdtemp(prefix="qs_call_")  # the module's work folder
-        atexit.register(shutil.rmtree, folder, True)
-        for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
-            shutil.copy(source, os.path.join(folder, name))
-        q = '{"id":"1","cmdId":"x","method":"QSVersion"}'
+        folder, q = work_folder("qs_call_"), '{"id":"1","cmdId":"x","method":"QSVersion"}'
         for args, status, text in (  # arguments -> exit status, text the output holds
                 (["call", q], 0, '"Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
                 (["call", "--no-user-agent", q], 0, '"exception" : -2205'),
@@ -259,20 +262,14 @@ class Lifecycle(unittest.TestCase):
                 (["--url", "/x"], 2, "--url does not apply to the server\n"),
                 (["config", "--head-timeout", "5"], 2, "--head-timeout does not apply to config\n"),
                 (["--port", "0", "anything"], 2, 'unknown word "anything"')):
-            run = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, *args], capture_output=True, text=True,
-                                 env=dict(os.environ, **TSAN), timeout=60)
-            self.assertEqual((status, True), (run.returncode, text in (run.stderr if status else run.stdout)), run.stderr)
+            code, out, err = run(folder, *args)
+            self.assertEqual((status, True), (code, text in (err if status else out)), err)
 
 
-class StandIn(unittest.TestCase):
-    """With a stand-in module: what reaches it, answers it gives or does not
-    give, start-up failures and the order of the stop."""
+class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its answers, start-up, the stop
 
     def setUp(self):
-        self.host = Host(module=STANDIN)
-
-    def tearDown(self):
-        self.host.stop()
+        self.host = started(self, module=STANDIN)
 
     def test_the_module_is_told_what_the_request_carries(self):
         h = self.host
@@ -289,15 +286,12 @@ class StandIn(unittest.TestCase):
         ]
         for method, path, body, headers, echo in rows:
             self.assertEqual(echo, h.request(method, path, body, headers, connection=kept)[2].decode())
-        # A WebSocket keeps one index; text messages are commands, binary
-        # ones bodies without a command.
+        # A WebSocket keeps one index; text messages are commands, binary ones bodies without a command.
         ws = h.websocket("/tst/ws", origin="http://127.0.0.1:1", agent=CHROME)
-        ws.send("hello")
-        self.assertEqual("connection=5|url=/tst/ws|request=hello|body=-|browser=2|domain=http://127.0.0.1:1|socket=yes",
-                         ws.recv())
-        ws.send_binary(b"\x01\x02")
-        self.assertEqual("connection=5|url=/tst/ws|request=|body=0102|browser=2|domain=http://127.0.0.1:1|socket=yes",
-                         ws.recv())
+        for send, message, echo in ((ws.send, "hello", "hello|body=-"), (ws.send_binary, b"\x01\x02", "|body=0102")):
+            send(message)
+            self.assertEqual("connection=5|url=/tst/ws|request=%s|browser=2|domain=http://127.0.0.1:1|socket=yes" % echo,
+                             ws.recv())
         ws.close()
         self.assertIn(b'data-alias="tst"', h.request("GET", "/")[2])
         self.assertIn("qs-host: module %s (alias \"tst\", standin_1)\n" % h.module, h.output())
@@ -325,9 +319,7 @@ class StandIn(unittest.TestCase):
         self.assertEqual([(text, b"with data"), (binary, b"\x00\x01\x02\xff"), (text, b"first"), (text, b"second"),
                           (text, b"later"), (text, b"after-late")], received)
         ws.send("throw")
-        frame = ws.recv_frame()
-        self.assertEqual((1011, b"the module raised: basic_string::substr"),
-                         (int.from_bytes(frame.data[:2], "big"), frame.data[2:]))
+        self.assertEqual((1011, b"the module raised: basic_string::substr"), close_of(ws.recv_frame()))
         self.assertEqual(200, h.request("POST", "/tst/", "fine", connection=kept)[0], "serving goes on")
 
     def test_stop_waits_for_the_command_in_flight_then_releases_the_module(self):
@@ -356,8 +348,7 @@ class StandIn(unittest.TestCase):
         host = Host(module=STANDIN, env={"QS_STANDIN_PORTS": "%d,%d" % (first, second)}, port_arg=())
         self.assertEqual(second, host.port)
         host.stop()
-        # --ports replaces the pair; when both are taken qs-host gives up, and
-        # still releases the module.
+        # --ports replaces the pair; when both are taken qs-host gives up, and still releases the module.
         host = Host(["--ports", "%d,%d" % (first, first)], module=STANDIN, port_arg=())
         self.assertEqual(1, host.wait())
         self.assertIn("qs-host: cannot listen on 127.0.0.1 (port %d: Address already in use; port %d: Address "
@@ -392,9 +383,8 @@ class StandIn(unittest.TestCase):
         for handed, names, text in rows:
             host = Host(module=STANDIN, handed=(handed, names, "$$"))
             self.assertEqual((1, text), (host.wait(), host.lines[-1] if host.lines else ""), names)
-        # Loopback listeners handed to this process are served (TLS only with
-        # a certificate) and not inherited by the module's helpers; handed to
-        # another process, they are not taken.
+        # Loopback listeners handed to this process are served (TLS only with a certificate), not inherited by
+        # the module's helpers; handed to another process, they are not taken.
         plain, tls = tcp(), tcp()
         host = Host(module=STANDIN, handed=([plain, tls], "http:https", "$$"))
         self.assertEqual(plain.getsockname()[1], host.port)
@@ -415,20 +405,14 @@ def free_port():
         return probe.getsockname()[1]
 
 
-class RequestPolicy(unittest.TestCase):
-    """Host names and origins, over HTTP and WebSocket, with the module's
-    CORS-all flag on (its default) and off."""
+class RequestPolicy(unittest.TestCase):  # host names, origins; HTTP, WebSocket; CORS-all on (default) and off
 
     @classmethod
     def setUpClass(cls):
         extra = ["--allow-host", "proxy.test", "--allow-origin", "https://app.example"]
-        cls.on = Host(extra)
-        cls.off = Host(extra, "[QS]\nEnableCORSAll=FALSE\n")
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.on.stop()
-        cls.off.stop()
+        cls.on, cls.off = Host(extra), Host(extra, "[QS]\nEnableCORSAll=FALSE\n")
+        cls.addClassCleanup(cls.on.stop)
+        cls.addClassCleanup(cls.off.stop)
 
     def test_host_names(self):
         rows = [  # Host header (PORT: the host's port) -> status
@@ -469,14 +453,13 @@ class RequestPolicy(unittest.TestCase):
             for host, (expected, allow) in ((self.on, on), (self.off, off)):
                 headers = {"Origin": origin, "User-Agent": "e2e"} if origin else {"User-Agent": "e2e"}
                 with self.subTest(origin=origin, cors_all=host is self.on):
-                    status, reply, body = host.request("POST", "/kxp/", VERSION_INFO % ("1", "o"), headers)
+                    status, reply, body = host.command("o", headers)
                     self.assertEqual(expected, status)
                     self.assertEqual(allow, reply.get("access-control-allow-origin"))
                     self.assertEqual("Origin" if allow not in (None, "*") else None, reply.get("vary"))
                     if status == 200:
                         self.assertIn(b'"cmdId" : "o"', body)
-                    # A refused page cannot reach the module: a record it tries
-                    # to store is not there afterwards.
+                    # A refused page cannot reach the module: a record it tries to store is not there afterwards.
                     guid = "probe%d" % abs(hash((origin, expected)))
                     host.request("POST", "/SetEncryptedImageMap?GUID=" + guid, "x", headers)
                     stored, _, _ = host.request("GET", "/GetEncryptedImageMap?GUID=" + guid)
@@ -509,16 +492,12 @@ class RequestPolicy(unittest.TestCase):
         return 101 if answered else -1
 
 
-class StrictHttp(unittest.TestCase):
-    """What no well-behaved client sends is answered, not dropped."""
+class StrictHttp(unittest.TestCase):  # what no well-behaved client sends is answered, not dropped.
 
     @classmethod
     def setUpClass(cls):
         cls.host = Host()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.host.stop()
+        cls.addClassCleanup(cls.host.stop)
 
     def test_malformed_requests(self):
         head = b"Host: 127.0.0.1\r\n"
@@ -529,8 +508,7 @@ class StrictHttp(unittest.TestCase):
             (b"POST /kxp/ HTTP/1.1\r\n" + head + b"Content-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n", 400, b""),
             (b"POST /kxp/ HTTP/1.1\r\n" + head + b"Transfer-Encoding: gzip\r\n\r\n", 400, b""),
             (b"PUT /kxp/ HTTP/1.1\r\n" + head + b"Content-Length: 0\r\n\r\n", 405, b"Allow: GET, HEAD, POST, OPTIONS"),
-            # Over the route's limit: refused from the head alone, the body
-            # never sent.
+            # Over the route's limit: refused from the head alone, the body never sent.
             (b"POST /kxp/ HTTP/1.1\r\n" + head + b"Content-Length: 1048577\r\n\r\n", 413, b"at most 1048576 bytes"),
             (b"POST /SetEncryptedImageMap?GUID=a HTTP/1.1\r\n" + head + b"Content-Length: 2053\r\n\r\n", 413,
              b"an image record holds at most 2052 bytes"),
@@ -555,17 +533,14 @@ class StrictHttp(unittest.TestCase):
         except OSError:
             pass  # the host may close before the whole message is sent; its close frame came first
         frame = ws.recv_frame()
-        self.assertEqual(websocket.ABNF.OPCODE_CLOSE, frame.opcode)
-        self.assertEqual(1009, int.from_bytes(frame.data[:2], "big"))
+        self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1009), (frame.opcode, close_of(frame)[0]))
         ws.shutdown()
 
 
-class Limits(unittest.TestCase):
-    """Time and connection limits, with short time-outs."""
+class Limits(unittest.TestCase):  # time and connection limits, with short time-outs.
 
     def test_slow_clients_are_cut_off_and_do_not_hold_up_others(self):
-        host = Host(["--head-timeout", "3", "--idle-timeout", "4"])
-        self.addCleanup(host.stop)
+        host = started(self, ["--head-timeout", "3", "--idle-timeout", "4"])
         slow = [socket.create_connection(("127.0.0.1", host.port)) for _ in range(200)]
         stop = threading.Event()
 
@@ -584,12 +559,11 @@ class Limits(unittest.TestCase):
         self.addCleanup(trickler.join)
         self.addCleanup(stop.set)
         time.sleep(0.5)
-        started = time.monotonic()
-        status, _, body = host.request("POST", "/kxp/", VERSION_INFO % ("9", "fast"), {"User-Agent": "e2e"})
+        began = time.monotonic()
+        status, _, body = host.command("fast")
         self.assertEqual((200, True), (status, b'"cmdId" : "fast"' in body))
-        self.assertLess(time.monotonic() - started, 1.0)
-        # The head limit ends every trickling connection: an orderly close, or
-        # a reset when the trickle reached the closed socket.
+        self.assertLess(time.monotonic() - began, 1.0)
+        # The head limit ends every trickling connection: an orderly close, or a reset once the trickle hit it.
         for sock in slow:
             sock.settimeout(10)
             self.assertTrue(closed(sock))
@@ -605,23 +579,20 @@ class Limits(unittest.TestCase):
             self.assertGreater(time.monotonic() - waited, 3.0)
 
     def test_at_the_cap_the_longest_idle_connection_makes_room(self):
-        host = Host(["--max-connections", "20"])
-        self.addCleanup(host.stop)
+        host = started(self, ["--max-connections", "20"])
         idle = [socket.create_connection(("127.0.0.1", host.port), timeout=10) for _ in range(20)]
         time.sleep(0.2)
         for _ in range(3):
-            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "cap"), {"User-Agent": "e2e"})[0])
+            self.assertEqual(200, host.command("cap")[0])
         self.assertTrue(closed(idle[0]), "the longest idle connection made room")
         for sock in idle:
             sock.close()
 
 
-class Budgets(unittest.TestCase):
-    """What all pages together can make the host hold, and what it costs idle."""
+class Budgets(unittest.TestCase):  # what all pages together can make the host hold, and what it costs idle.
 
     def test_upload_flood_within_memory(self):
-        host = Host()
-        self.addCleanup(host.stop)
+        host = started(self)
         idle = [socket.create_connection(("127.0.0.1", host.port)) for _ in range(400)]
         body, statuses, slowest = b"PK\3\4" + b"u" * (1024 * 1024 - 4), [], []
         foreign = {"Origin": "https://evil.test", "User-Agent": "e2e", "Content-Type": "text/plain"}
@@ -631,7 +602,7 @@ class Budgets(unittest.TestCase):
             upload.start()
         while any(upload.is_alive() for upload in uploads):
             began = time.monotonic()
-            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "f"), {"User-Agent": "e2e"})[0])
+            self.assertEqual(200, host.command("f")[0])
             slowest.append(time.monotonic() - began)
         for sock in idle:
             sock.close()
@@ -640,13 +611,12 @@ class Budgets(unittest.TestCase):
             self.assertLess(proc_values(host, "status", r"VmHWM:\s+(\d+)")[0], 128 * 1024)
 
     def test_bodies_over_the_budget_are_refused_before_they_are_read(self):
-        host = Host(["--body-budget", "1"])
-        self.addCleanup(host.stop)
+        host = started(self, ["--body-budget", "1"])
         holder = socket.create_connection(("127.0.0.1", host.port), timeout=10)
         holder.sendall(b"POST /LoadZipFromBytes?type=1 HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: e2e\r\n"
                        b"Expect: 100-continue\r\nContent-Length: 1048576\r\n\r\n")
         self.assertIn(b" 100 Continue", holder.recv(100))  # the whole budget is taken
-        status, reply, text = host.request("POST", "/kxp/", VERSION_INFO % ("1", "b"), {"User-Agent": "e2e"})
+        status, reply, text = host.command("b")
         self.assertEqual((503, "1", b"the service holds as many request bodies as it may; try again in a moment\n"),
                          (status, reply.get("retry-after"), text))
         self.assertEqual(200, host.request("GET", "/")[0], "no body, nothing taken")
@@ -656,12 +626,11 @@ class Budgets(unittest.TestCase):
         self.assertEqual(b"\x88\x2e\x03\xf5the service holds as many messages as it may", frame)
         holder.sendall(b"x" * 1048576)
         self.assertEqual(200, status_of(holder.recv(4096)))
-        self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "b"), {"User-Agent": "e2e"})[0])
+        self.assertEqual(200, host.command("b")[0])
         holder.close()  # answered and still open: what it held was given back with the answer
 
     def test_record_quota(self):
-        host = Host(["--max-records", "3"])
-        self.addCleanup(host.stop)
+        host = started(self, ["--max-records", "3"])
         rows = [  # method, GUID, body -> status, the answer's beginning
             ("POST", "A", "a", 204, b""), ("POST", "B", "b", 204, b""), ("POST", "C", "c", 204, b""),
             ("POST", "D", "d", 507, b"this service stores at most 3 image records; overwrite or delete one first\n"),
@@ -680,11 +649,10 @@ class Budgets(unittest.TestCase):
     def test_no_wake_ups_without_work(self):
         if SANITIZED == b"tsan":
             self.skipTest("ThreadSanitizer's own thread wakes on a clock")
-        host = Host()
-        self.addCleanup(host.stop)
+        host = started(self)
         kept = [http.client.HTTPConnection("127.0.0.1", host.port, timeout=20) for _ in range(20)]
         for connection in kept:
-            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "i"), {}, connection=connection)[0])
+            self.assertEqual(200, host.command("i", connection=connection)[0])
         for what in ("20 idle keep-alive connections", "no connection"):
             time.sleep(0.5)
             before = sum(proc_values(host, "task/*/status", r"ctxt_switches:\s+(\d+)"))
@@ -694,8 +662,7 @@ class Budgets(unittest.TestCase):
                 connection.close()
 
 
-def proc_values(host, files, pattern):
-    """The numbers `pattern` finds in the host's /proc files."""
+def proc_values(host, files, pattern):  # the numbers `pattern` finds in the host's /proc files.
     found = []
     for name in glob.glob("/proc/%d/%s" % (host.process.pid, files)):
         with open(name) as text:
@@ -703,13 +670,10 @@ def proc_values(host, files, pattern):
     return found
 
 
-class ConcurrentClients(unittest.TestCase):
-    """Many HTTP and WebSocket clients at once, mixed commands and image
-    records: every answer comes back to its own request."""
+class ConcurrentClients(unittest.TestCase):  # many clients at once: each answer reaches its request
 
     def test_each_answer_reaches_its_request(self):
-        host = Host(["--threads", "4"])
-        self.addCleanup(host.stop)
+        host = started(self, ["--threads", "4"])
         failures = []
         kinds = [('"VersionInfo"', b'"14, 3, 3, 1212"'), ('"QSVersion"', b'"Quintaris Service"'),
                  ('"Nope"', b'"exception" : -2200'), ('"GetPorts","parameter":["0"]', b'"exception" : -2408')]
@@ -740,24 +704,14 @@ class ConcurrentClients(unittest.TestCase):
         self.assertEqual([], failures)
 
 
-class Settings(unittest.TestCase):
-    """qs-host config: the file of the work folder listed, read and written,
-    the refusals, and a change that a restart brings into force."""
-
-    def config(self, folder, *words):
-        run = subprocess.run([os.path.join(folder, "qs-host"), "config", *ROOT, *words], capture_output=True,
-                             text=True, env=dict(os.environ, **TSAN), timeout=60)
-        return run.returncode, run.stdout, run.stderr
+class Settings(unittest.TestCase):  # qs-host config: list, get, set, refusals; a restart applies a change
 
     def test_list_get_set_and_refusals(self):
-        folder = tempfile.mkdtemp(prefix="qs_config_")
-        atexit.register(shutil.rmtree, folder, True)
-        for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
-            shutil.copy(source, os.path.join(folder, name))
+        folder = work_folder("qs_config_")
         ini = os.path.join(folder, "QSConfiguration.ini")
         with open(ini, "w") as out:
             out.write("[QS]\nEnableCORSAll=1\nServer=\nPort=1\nPort_mn_0=kxp\nPort_mp_0=18625\n")
-        status, listing, _ = self.config(folder)
+        status, listing, _ = run(folder, "config")
         for text in ("Settings file: %s\n" % ini, "ports of this user (%s/user_config.ini): none" % folder,
                      "port lists: Port: kxp 18625; SSLPort: none"):
             self.assertIn(text, listing)
@@ -792,7 +746,7 @@ class Settings(unittest.TestCase):
         for words, expected, text, written in rows:
             with self.subTest(words=words):
                 before = open(ini).read()
-                status, out, err = self.config(folder, *words)
+                status, out, err = run(folder, "config", *words)
                 self.assertEqual((expected, True), (status, text in (err if status else out)), out + err)
                 after = open(ini).read()
                 self.assertIn(written, after) if written else self.assertEqual(before, after)
@@ -802,7 +756,7 @@ class Settings(unittest.TestCase):
         if not locked:
             os.chmod(ini, 0o444)
         before = open(ini).read()
-        status, _, err = self.config(folder, "set", "EnableCORSAll", "true")
+        status, _, err = run(folder, "config", "set", "EnableCORSAll", "true")
         subprocess.run(["chattr", "-i", ini], capture_output=True)
         self.assertEqual((2, before), (status, open(ini).read()), err)
         self.assertIn("qs-host: cannot write %s: Operation not permitted; nothing written\n" % ini
@@ -811,30 +765,28 @@ class Settings(unittest.TestCase):
         os.chmod(ini, 0o644)
         with open(ini, "a") as out:
             out.write("head-timeout=abc\n")
-        self.assertIn('"abc" not valid: qs-host will not start', self.config(folder)[1])
-        run = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, "--port", "0"], capture_output=True, text=True,
-                             env=dict(os.environ, **TSAN), timeout=60)
+        self.assertIn('"abc" not valid: qs-host will not start', run(folder, "config")[1])
+        code, _, err = run(folder, "--port", "0")
         self.assertEqual((2, 'qs-host: %s, [qs-host] head-timeout: "abc" is not a whole number from 1 to 3600' % ini),
-                         (run.returncode, run.stderr.split(" (qs-host config")[0]))
+                         (code, err.split(" (qs-host config")[0]))
 
     def test_cors_off_and_one_origin_after_a_restart(self):
         host = Host(env={"INVOCATION_ID": "e2e"})
-        evil, app = {"Origin": "https://evil.test", "User-Agent": "e2e"}, {"Origin": "https://app.example",
-                                                                           "User-Agent": "e2e"}
+        evil, app = ({"Origin": origin, "User-Agent": "e2e"} for origin in ("https://evil.test", "https://app.example"))
         try:
-            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "e"), evil)[0])
+            self.assertEqual(200, host.command("e", evil)[0])
             for words, effect in ((["set", "EnableCORSAll", "false"], "EnableCORSAll: TRUE -> FALSE"),
                                   (["set", "allow-origin", "https://app.example"], "allow-origin: \"\" -> https"),
                                   (["set", "idle-timeout", "9"], "idle-timeout: 60 -> 9")):
-                status, out, err = self.config(host.folder, *words)
+                status, out, err = run(host.folder, "config", *words)
                 self.assertEqual((0, True, True), (status, effect in out,
                                                    "at the next start: systemctl --user restart qs-host\n" in out), err)
         finally:
             host.stop()
         host = Host(["--idle-timeout", "7"], folder=host.folder)  # the command line wins over the file
         try:
-            self.assertEqual(403, host.request("POST", "/kxp/", VERSION_INFO % ("1", "e"), evil)[0])
-            status, reply, body = host.request("POST", "/kxp/", VERSION_INFO % ("1", "a"), app)
+            self.assertEqual(403, host.command("e", evil)[0])
+            status, reply, body = host.command("a", app)
             self.assertEqual((200, "https://app.example", True),
                              (status, reply.get("access-control-allow-origin"), b'"cmdId" : "a"' in body))
             page = host.request("GET", "/")[2].decode()
