@@ -36,8 +36,7 @@ async function startHost({ args = ["--port", "0"], config = DEBUG_LOG } = {}) {
       clearTimeout(unready);
       resolve(Number(/listening on http:\/\/127\.0\.0\.1:(\d+)\//.exec(output)[1]));
     };
-    child.stdout.on("data", read);
-    child.stderr.on("data", read);
+    [child.stdout, child.stderr].forEach((stream) => stream.on("data", read));
     exited.then((code) => reject(new Error(`qs-host exited (${code}):\n${output}`)));
   });
   return {
@@ -249,9 +248,8 @@ for (const [name, run] of Object.entries(scenarios)) {
     } finally {
       await browser.close();
       servers.forEach((server) => server.close());
-      for (const result of await Promise.allSettled(hosts.map((host) => host.stop()))) {
-        if (result.status === "rejected") throw result.reason;
-      }
+      const failed = (await Promise.allSettled(hosts.map((host) => host.stop()))).find((r) => r.status === "rejected");
+      if (failed) throw failed.reason;
     }
   });
 }
