@@ -164,10 +164,8 @@ FIREFOX = "Mozilla/5.0 (X11; Linux x86_64; rv:128.0) Gecko/20100101 Firefox/128.
 
 class Routes(unittest.TestCase):  # which route answers what (the module's tests pin its documents)
 
-    @classmethod
-    def setUpClass(cls):
-        cls.host = Host(["--threads", "4"])
-        cls.addClassCleanup(cls.host.stop)
+    def setUp(self):
+        self.host = started(self, ["--threads", "4"])
 
     def test_http_routes(self):
         kept = http.client.HTTPConnection("127.0.0.1", self.host.port, timeout=20)
@@ -287,16 +285,14 @@ class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its ans
     def test_answers_the_module_gives_or_does_not_give(self):
         h = self.host
         kept = http.client.HTTPConnection("127.0.0.1", h.port, timeout=20)
-        rows = [  # command -> status, content type, body
-            ("throw", 400, "text/plain; charset=utf-8", b"the module raised: basic_string::substr\n"),
-            ("data", 200, "application/octet-stream", b"with data\r\n\r\n\x00\x01\x02\xff"),
-            ("twice", 200, "text/plain; charset=utf-8", b"first"),
-            ("silent", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
-            ("later", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
-            # The late answer of the last request is not taken for this one's.
-            ("after-late", 200, "text/plain; charset=utf-8", b"after-late"),
-        ]
-        for command, status, kind, body in rows:
+        for command, status, kind, body in (  # command -> status, content type, body
+                ("throw", 400, "text/plain; charset=utf-8", b"the module raised: basic_string::substr\n"),
+                ("data", 200, "application/octet-stream", b"with data\r\n\r\n\x00\x01\x02\xff"),
+                ("twice", 200, "text/plain; charset=utf-8", b"first"),
+                ("silent", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
+                ("later", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
+                # The late answer of the last request is not taken for this one's.
+                ("after-late", 200, "text/plain; charset=utf-8", b"after-late")):
             got, reply, content = h.request("POST", "/tst/", command, {"User-Agent": "e2e"}, connection=kept)
             self.assertEqual((status, kind, body), (got, reply["content-type"], content), command)
         ws = h.websocket("/tst/")
@@ -351,15 +347,13 @@ class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its ans
     def test_socket_activation(self):
         self.host.stop()
         why, pipe = "qs-host: the socket handed over as descriptor 3 ", os.pipe()
-        rows = [  # descriptors, names -> the last line qs-host writes before it gives up
-            ([], "", why + "is not open\n"),
-            ([pipe[0]], "http", why + '("http") is not a socket\n'),
-            ([tcp(listening=False)], "", why + "is not listening\n"),
-            ([tcp("0.0.0.0")], "http", why + '("http") is not bound to a loopback address\n'),
-            ([tcp(kind=socket.SOCK_DGRAM)], "http", why + '("http") is not a stream socket\n'),
-            ([tcp()], "ftp", why + '("ftp") has a name other than "http" or "https"\n'),
-        ]
-        for handed, names, text in rows:
+        for handed, names, text in (  # descriptors, names -> the last line qs-host writes before it gives up
+                ([], "", why + "is not open\n"),
+                ([pipe[0]], "http", why + '("http") is not a socket\n'),
+                ([tcp(listening=False)], "", why + "is not listening\n"),
+                ([tcp("0.0.0.0")], "http", why + '("http") is not bound to a loopback address\n'),
+                ([tcp(kind=socket.SOCK_DGRAM)], "http", why + '("http") is not a stream socket\n'),
+                ([tcp()], "ftp", why + '("ftp") has a name other than "http" or "https"\n')):
             host = Host(module=STANDIN, handed=(handed, names, "$$"))
             self.assertEqual((1, text), (host.wait(), host.lines[-1] if host.lines else ""), names)
         # Listeners handed to this process: served (TLS with a certificate), not inherited; to another: not taken.
@@ -415,18 +409,16 @@ class RequestPolicy(unittest.TestCase):  # host names, origins; HTTP, WebSocket;
             self.assertEqual(200, status_of(host.raw(b"GET / HTTP/1.0\r\n\r\n")))
 
     def test_origins(self):
-        rows = [  # Origin (None: none) -> (flag on, flag off): status, Access-Control-Allow-Origin (a 403 names it)
-            (None, (200, "*"), (200, None)),
-            ("https://evil.test", (200, "*"), (403, "https://evil.test")),
-            ("null", (200, "*"), (403, "null")),
-            ("http://127.0.0.1.evil.test", (200, "*"), (403, "http://127.0.0.1.evil.test")),
-            ("http://localhost:5173", (200, "*"), (200, "http://localhost:5173")),
-            ("https://127.0.0.1", (200, "*"), (200, "https://127.0.0.1")),
-            ("http://[::1]:8080", (200, "*"), (200, "http://[::1]:8080")),
-            ("https://app.example", (200, "*"), (200, "https://app.example")),
-            ("https://app.example:444", (200, "*"), (403, "https://app.example:444")),
-        ]
-        for origin, on, off in rows:
+        for origin, on, off in (  # on, off: status, Access-Control-Allow-Origin (a 403 names the origin)
+                (None, (200, "*"), (200, None)),
+                ("https://evil.test", (200, "*"), (403, "https://evil.test")),
+                ("null", (200, "*"), (403, "null")),
+                ("http://127.0.0.1.evil.test", (200, "*"), (403, "http://127.0.0.1.evil.test")),
+                ("http://localhost:5173", (200, "*"), (200, "http://localhost:5173")),
+                ("https://127.0.0.1", (200, "*"), (200, "https://127.0.0.1")),
+                ("http://[::1]:8080", (200, "*"), (200, "http://[::1]:8080")),
+                ("https://app.example", (200, "*"), (200, "https://app.example")),
+                ("https://app.example:444", (200, "*"), (403, "https://app.example:444"))):
             for host, (expected, allow) in ((self.on, on), (self.off, off)):
                 headers = {"Origin": origin, "User-Agent": "e2e"} if origin else {"User-Agent": "e2e"}
                 which = (origin, "CORS-all" if host is self.on else "CORS-all off")
@@ -468,10 +460,8 @@ class RequestPolicy(unittest.TestCase):  # host names, origins; HTTP, WebSocket;
 
 class StrictHttp(unittest.TestCase):  # what no well-behaved client sends is answered, not dropped.
 
-    @classmethod
-    def setUpClass(cls):
-        cls.host = Host()
-        cls.addClassCleanup(cls.host.stop)
+    def setUp(self):
+        self.host = started(self)
 
     def test_malformed_requests(self):
         head = b"Host: 127.0.0.1\r\n"
@@ -595,16 +585,14 @@ class Budgets(unittest.TestCase):  # what all pages together can make the host h
 
     def test_record_quota(self):
         host = started(self, ["--max-records", "3"])
-        rows = [  # method, GUID, body -> status, the answer's beginning
-            ("POST", "A", "a", 204, b""), ("POST", "B", "b", 204, b""), ("POST", "C", "c", 204, b""),
-            ("POST", "D", "d", 507, b"this service stores at most 3 image records; overwrite or delete one first\n"),
-            ("POST", "A", "a2", 204, b""), ("GET", "A", None, 200, b"a2\0"),  # overwritten at the quota
-            ("POST", "B", "", 204, b""), ("POST", "D", "d", 204, b""),  # deleted, then room for one
-            ("POST", "X", "", 204, b""), ("POST", "E" * 256, "e", 507, b""),  # no record, no room made
-            ("POST", "E" * 257, "e", 414, b"an image-record GUID holds at most 256 bytes\n"),
-            ("GET", "E" * 257, None, 414, b"an image-record GUID"), ("GET", "D", None, 200, b"d\0"),
-        ]
-        for method, guid, body, status, text in rows:
+        for method, guid, body, status, text in (  # text: the answer's beginning
+                ("POST", "A", "a", 204, b""), ("POST", "B", "b", 204, b""), ("POST", "C", "c", 204, b""),
+                ("POST", "D", "d", 507, b"this service stores at most 3 image records; overwrite or delete one first\n"),
+                ("POST", "A", "a2", 204, b""), ("GET", "A", None, 200, b"a2\0"),  # overwritten at the quota
+                ("POST", "B", "", 204, b""), ("POST", "D", "d", 204, b""),  # deleted, then room for one
+                ("POST", "X", "", 204, b""), ("POST", "E" * 256, "e", 507, b""),  # no record, no room made
+                ("POST", "E" * 257, "e", 414, b"an image-record GUID holds at most 256 bytes\n"),
+                ("GET", "E" * 257, None, 414, b"an image-record GUID"), ("GET", "D", None, 200, b"d\0")):
             path = "/%sEncryptedImageMap?GUID=%s" % ("Set" if body is not None else "Get", guid)
             got, _, content = host.request(method, path, body)
             self.assertEqual((status, text), (got, content[:len(text)]), (method, guid[:8], body))
