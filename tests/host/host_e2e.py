@@ -688,7 +688,8 @@ class Settings(unittest.TestCase):  # qs-host config: list, get, set, refusals; 
         # A file that cannot be written: refused, left as it was.
         locked = subprocess.run(["chattr", "+i", ini], capture_output=True).returncode == 0
         atexit.register(subprocess.run, ["chattr", "-i", ini], capture_output=True)
-        os.chmod(ini, 0o644 if locked else 0o444)
+        if not locked:
+            os.chmod(ini, 0o444)
         before = open(ini).read()
         status, _, err = run(folder, "config", "set", "EnableCORSAll", "true")
         subprocess.run(["chattr", "-i", ini], capture_output=True)
