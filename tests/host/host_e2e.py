@@ -41,8 +41,7 @@ class Host:
         shutil.copy(module or MODULE, self.module)
         for name, text in dict(files or {}, **({"QSConfiguration.ini": configuration} if configuration else {})).items():
             os.makedirs(os.path.dirname(os.path.join(self.folder, name)), exist_ok=True)
-            with open(os.path.join(self.folder, name), "w") as out:
-                out.write(text)
+            open(os.path.join(self.folder, name), "w").write(text)
         extra = ["--module", self.module] if module else []
         command, fds = [os.path.join(self.folder, "qs-host"), *port_arg, *ROOT, *extra, *args], []
         if handed:  # (descriptors, LISTEN_FDNAMES, LISTEN_PID): placed from 3 on, as the service manager does
@@ -225,8 +224,6 @@ class Lifecycle(unittest.TestCase):  # tLS, the stop, one command without a serv
     def test_sigterm_closes_sockets_and_releases_the_module(self):
         host = Host()
         ws = host.websocket()
-        ws.send('{"id":"1","method":"QSVersion"}')
-        self.assertIn("Quintaris Service", ws.recv())
         idle = socket.create_connection(("127.0.0.1", host.port), timeout=10)
         host.process.send_signal(signal.SIGTERM)
         self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1001, b"the service stops"), close_of(ws.recv_frame()))
@@ -326,9 +323,8 @@ class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its ans
         taken, probe = tcp(), tcp(listening=False)
         first, second = taken.getsockname()[1], probe.getsockname()[1]
         probe.close()
-        # The module's pair, the second when the first is taken.
         host = Host(module=STANDIN, env={"QS_STANDIN_PORTS": "%d,%d" % (first, second)}, port_arg=())
-        self.assertEqual(second, host.port)
+        self.assertEqual(second, host.port, "the module's pair: the second when the first is taken")
         host.stop()
         # --ports replaces the pair; when both are taken qs-host gives up, and still releases the module.
         host = Host(["--ports", "%d,%d" % (first, first)], module=STANDIN, port_arg=())
@@ -403,9 +399,8 @@ class RequestPolicy(unittest.TestCase):  # host names, origins; HTTP, WebSocket;
                     self.assertEqual(served if expected == 200 else expected, status, (header, path))
                 if header:
                     self.assertEqual(expected if expected != 200 else 101, self.upgrade(host, header, None), header)
-            # HTTP/1.1 requires a Host; HTTP/1.0 does not.
-            self.assertEqual(400, status_of(host.raw(b"GET / HTTP/1.1\r\n\r\n")))
-            self.assertEqual(200, status_of(host.raw(b"GET / HTTP/1.0\r\n\r\n")))
+            self.assertEqual(400, status_of(host.raw(b"GET / HTTP/1.1\r\n\r\n")), "HTTP/1.1 requires a Host")
+            self.assertEqual(200, status_of(host.raw(b"GET / HTTP/1.0\r\n\r\n")), "HTTP/1.0 does not")
 
     def test_origins(self):
         for origin, on, off in (  # on, off: status, Access-Control-Allow-Origin (a 403 names the origin)
@@ -517,12 +512,10 @@ class Limits(unittest.TestCase):  # time and connection limits, with short time-
         began = time.monotonic()
         status, _, body = host.command("fast")
         self.assertEqual((200, True, True), (status, b'"cmdId" : "fast"' in body, time.monotonic() - began < 1.0))
-        # The head limit ends every trickling connection: an orderly close, or a reset once the trickle hit it.
-        for sock in slow:
+        for sock in slow:  # the head limit ends each: an orderly close, or a reset once the trickle hit it
             self.assertTrue(closed(sock))
             sock.close()
-        # An idle keep-alive connection is closed after the idle limit.
-        kept = http.client.HTTPConnection("127.0.0.1", host.port, timeout=10)
+        kept = http.client.HTTPConnection("127.0.0.1", host.port, timeout=10)  # closed after the idle limit
         self.assertEqual(200, host.request("GET", "/", connection=kept)[0])
         waited = time.monotonic()
         self.assertEqual(b"", kept.sock.recv(100))
