@@ -57,12 +57,10 @@ const listen = (handler, port = 0) => new Promise((resolve, reject) => {
   server.listen(port, "127.0.0.1", () => resolve(server));
 });
 
-async function freePort() {
-  const server = await listen(() => {});
+const freePort = () => listen(() => {}).then((server) => new Promise((resolve) => {
   const { port } = server.address();
-  await new Promise((resolve) => server.close(resolve));
-  return port;
-}
+  server.close(() => resolve(port));
+}));
 
 // The page a web developer writes: it imports the client; `outcome` turns a
 // call into what the test compares (its value, or its error code, and its time).
@@ -94,8 +92,7 @@ const scenarios = {
   // Discovery past a closed port, every command, image records with binary bodies, 200 calls at once.
   async loopback({ browser, pageOrigin, start }) {
     const host = await start();
-    const page = await open(browser, pageOrigin);
-    const seen = await page.evaluate(async (ports) => {
+    const seen = await (await open(browser, pageOrigin)).evaluate(async (ports) => {
       const session = await qs.connect({ ports });
       const info = await session.versionInfo();
       const records = [];
@@ -141,8 +138,7 @@ const scenarios = {
     const connect = (port) => outcome(qs.connect({ ports: [port] }).then((session) => session.versionInfo()));
     const denied = await (await open(browser, publicOrigin)).evaluate(connect, host.port);
     note(`permission-denied after ${Math.round(denied.ms)} ms`);
-    assert.equal(denied.code, "permission-denied", JSON.stringify(denied));
-    assert.ok(denied.ms < 2000 && !host.reached(), `${denied.ms} ms`);
+    assert.deepEqual([denied.code, denied.ms < 2000, host.reached()], ["permission-denied", true, false], JSON.stringify(denied));
     const granted = await (await open(browser, publicOrigin, ["local-network-access"])).evaluate(async (port) => {
       const session = await qs.connect({ ports: [port] });
       await session.setImageRecord("pub", Uint8Array.of(9));
@@ -172,8 +168,7 @@ const scenarios = {
     for (const port of [18625, 18993]) (await listen(() => {}, port)).close(); // EADDRINUSE: the pair is not free
     const seen = await (await open(browser, pageOrigin)).evaluate(() => outcome(qs.connect()));
     note(`service-not-running after ${Math.round(seen.ms)} ms`);
-    assert.equal(seen.code, "service-not-running", JSON.stringify(seen));
-    assert.ok(seen.ms < 1000, `${seen.ms} ms`);
+    assert.deepEqual([seen.code, seen.ms < 1000], ["service-not-running", true], JSON.stringify(seen));
   },
 
   // The service stopped mid-session (SIGSTOP, calls sent, SIGKILL) and started again on its port.
@@ -227,9 +222,8 @@ const scenarios = {
     await page.waitForSelector("body[data-state=done], body[data-state=failed]", { timeout: 60000 });
     const cells = await page.evaluate(() => ["status", "module-version", "service", "policy-cors", "policy-origins"]
       .map((id) => document.getElementById(id).textContent));
-    assert.match(cells[0], /the module answered every command/);
     assert.deepEqual(cells.slice(1, 4), ["14, 3, 3, 1212", SERVICE.name, "off"]);
-    assert.match(cells[4], /http:\/\/app\.test:8000/);
+    assert.ok(/the module answered every command/.test(cells[0]) && /http:\/\/app\.test:8000/.test(cells[4]), cells.join("|"));
   },
 };
 

@@ -86,8 +86,7 @@ class Host:
         return "".join(self.lines)
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
+        self.process.send_signal(signal.SIGTERM)  # none once it has exited
         if (code := self.wait()) != 0:
             raise AssertionError("qs-host exited with %s:\n%s" % (code, self.output()))
 
@@ -121,12 +120,13 @@ class Host:
                                            origin=origin, suppress_origin=origin is None)
 
 
-def closed(sock):  # whether the peer closed: an end of stream, or a reset.
-    sock.settimeout(10)
-    try:
-        return sock.recv(100) == b""
-    except ConnectionResetError:
-        return True
+def closed(sock):  # whether the peer closed (an end of stream, or a reset); closes `sock`
+    with sock:
+        sock.settimeout(10)
+        try:
+            return sock.recv(100) == b""
+        except ConnectionResetError:
+            return True
 
 
 def status_of(reply):
@@ -229,7 +229,6 @@ class Lifecycle(unittest.TestCase):  # tLS, the stop, one command without a serv
         self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1001, b"the service stops"), close_of(ws.recv_frame()))
         self.assertEqual(0, host.wait())
         self.assertTrue(closed(idle))
-        idle.close()
         self.assertIn("qs-host: stopping (signal 15)\nqs-host: stopped after signal 15; module released (DoAction 3)\n",
                       host.output())
 
@@ -357,9 +356,8 @@ class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its ans
         self.assertEqual(plain.getsockname()[1], host.port)
         self.assertIn("qs-host: the socket handed over for TLS (port %d) is not served: there is no certificate\n"
                       % tls.getsockname()[1], host.output())
-        for fd in (3, 4):
-            with open("/proc/%d/fdinfo/%d" % (host.process.pid, fd)) as info:
-                self.assertTrue(int(re.search(r"flags:\s+(\d+)", info.read()).group(1), 8) & os.O_CLOEXEC)
+        flags = proc_values(host, "fdinfo/[34]", r"flags:\s+(\d+)", 8)
+        self.assertEqual([os.O_CLOEXEC] * 2, [value & os.O_CLOEXEC for value in flags])
         host.stop()
         host = Host(module=STANDIN, handed=([plain], "http", "1"))
         self.assertNotIn(host.port, (None, plain.getsockname()[1]))
@@ -514,7 +512,6 @@ class Limits(unittest.TestCase):  # time and connection limits, with short time-
         self.assertEqual((200, True, True), (status, b'"cmdId" : "fast"' in body, time.monotonic() - began < 1.0))
         for sock in slow:  # the head limit ends each: an orderly close, or a reset once the trickle hit it
             self.assertTrue(closed(sock))
-            sock.close()
         kept = http.client.HTTPConnection("127.0.0.1", host.port, timeout=10)  # closed after the idle limit
         self.assertEqual(200, host.request("GET", "/", connection=kept)[0])
         waited = time.monotonic()
@@ -526,8 +523,7 @@ class Limits(unittest.TestCase):  # time and connection limits, with short time-
         host = started(self, ["--max-connections", "20"])
         idle = [socket.create_connection(("127.0.0.1", host.port), timeout=10) for _ in range(20)]
         time.sleep(0.2)
-        for _ in range(3):
-            self.assertEqual(200, host.command("cap")[0])
+        self.assertEqual([200] * 3, [host.command("cap")[0] for _ in range(3)])
         self.assertTrue(closed(idle[0]), "the longest idle connection made room")
         for sock in idle:
             sock.close()
@@ -547,10 +543,9 @@ class Budgets(unittest.TestCase):  # what all pages together can make the host h
                 began = time.monotonic()
                 self.assertEqual(200, host.command("f")[0])
                 slowest.append(time.monotonic() - began)
-        statuses = [upload.result()[0] for upload in uploads]
         for sock in idle:
             sock.close()
-        self.assertEqual(([200] * 32, True), (statuses, max(slowest) < 1.0), slowest)
+        self.assertEqual(([200] * 32, True), ([upload.result()[0] for upload in uploads], max(slowest) < 1.0), slowest)
         if not SANITIZED:
             self.assertLess(proc_values(host, "status", r"VmHWM:\s+(\d+)")[0], 128 * 1024)
 
@@ -602,9 +597,9 @@ class Budgets(unittest.TestCase):  # what all pages together can make the host h
                 connection.close()
 
 
-def proc_values(host, files, pattern):  # the numbers `pattern` finds in the host's /proc files.
+def proc_values(host, files, pattern, base=10):  # the numbers `pattern` finds in the host's /proc files.
     names = glob.glob("/proc/%d/%s" % (host.process.pid, files))
-    return [int(number) for name in names for number in re.findall(pattern, open(name).read())]
+    return [int(number, base) for name in names for number in re.findall(pattern, open(name).read())]
 
 
 class ConcurrentClients(unittest.TestCase):  # many clients at once: each answer reaches its request
@@ -683,8 +678,7 @@ class Settings(unittest.TestCase):  # qs-host config: list, get, set, refusals; 
         atexit.register(subprocess.run, ["chattr", "-i", ini], capture_output=True)
         if not locked:
             os.chmod(ini, 0o444)
-        before = open(ini).read()
-        status, _, err = run(folder, "config", "set", "EnableCORSAll", "true")
+        status, _, err = run(folder, "config", "set", "EnableCORSAll", "true")  # `before`: as the last row left it
         subprocess.run(["chattr", "-i", ini], capture_output=True)
         self.assertEqual((2, before), (status, open(ini).read()), err)
         self.assertIn("qs-host: cannot write %s: Operation not permitted; nothing written\n" % ini
