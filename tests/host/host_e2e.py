@@ -196,10 +196,9 @@ class Routes(unittest.TestCase):  # which route answers what (the module's tests
                 ("/kxp/", "e2e", '{"id":"4","cmdId":"d","method":"GetPorts","parameter":["0"]}', '"exception" : -2408'),
                 ("/elsewhere", "e2e", '{"id":"1","method":"QSVersion"}', "Invalid command"),
                 ("/kxp/", None, '{"id":"1","method":"QSVersion"}', '"exception" : -2205')):
-            ws = self.host.websocket(path, agent=agent)
-            ws.send(command)
-            self.assertIn(text, ws.recv())
-            ws.close()
+            with contextlib.closing(self.host.websocket(path, agent=agent)) as ws:
+                ws.send(command)
+                self.assertIn(text, ws.recv())
 
 
 class Lifecycle(unittest.TestCase):  # tLS, the stop, one command without a server.
@@ -215,11 +214,10 @@ class Lifecycle(unittest.TestCase):  # tLS, the stop, one command without a serv
                                                  context=ssl._create_unverified_context())
         connection.request("POST", "/kxp/", VERSION_INFO % ("1", "s"), {"User-Agent": "e2e"})
         self.assertIn(b'"cmdId" : "s"', connection.getresponse().read())
-        wss = websocket.create_connection("wss://127.0.0.1:%d/kxp/" % host.tls_port, timeout=20,
-                                          header=["User-Agent: e2e"], sslopt={"cert_reqs": ssl.CERT_NONE})
-        wss.send('{"id":"2","cmdId":"w","method":"QSVersion"}')
-        self.assertIn('"cmdId" : "w"', wss.recv())
-        wss.close()
+        with contextlib.closing(websocket.create_connection("wss://127.0.0.1:%d/kxp/" % host.tls_port, timeout=20,
+                                header=["User-Agent: e2e"], sslopt={"cert_reqs": ssl.CERT_NONE})) as wss:
+            wss.send('{"id":"2","cmdId":"w","method":"QSVersion"}')
+            self.assertIn('"cmdId" : "w"', wss.recv())
 
     def test_sigterm_closes_sockets_and_releases_the_module(self):
         host = Host()
@@ -268,12 +266,11 @@ class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its ans
         for method, path, body, headers, echo in rows:
             self.assertEqual(echo, h.request(method, path, body, headers, connection=kept)[2].decode())
         # A WebSocket keeps one index; text messages are commands, binary ones bodies without a command.
-        ws = h.websocket("/tst/ws", origin="http://127.0.0.1:1", agent=CHROME)
-        for send, message, echo in ((ws.send, "hello", "hello|body=-"), (ws.send_binary, b"\x01\x02", "|body=0102")):
-            send(message)
-            self.assertEqual("connection=5|url=/tst/ws|request=%s|browser=2|domain=http://127.0.0.1:1|socket=yes" % echo,
-                             ws.recv())
-        ws.close()
+        with contextlib.closing(h.websocket("/tst/ws", origin="http://127.0.0.1:1", agent=CHROME)) as ws:
+            for send, message, echo in ((ws.send, "hello", "hello|body=-"), (ws.send_binary, b"\x01\x02", "|body=0102")):
+                send(message)
+                self.assertEqual("connection=5|url=/tst/ws|request=%s|browser=2|domain=http://127.0.0.1:1|socket=yes"
+                                 % echo, ws.recv())
         self.assertIn(b'data-alias="tst"', h.request("GET", "/")[2])
         self.assertIn("qs-host: module %s (alias \"tst\", standin_1)\n" % h.module, h.output())
 
@@ -444,10 +441,9 @@ class RequestPolicy(unittest.TestCase):  # host names, origins; HTTP, WebSocket;
             ws = host.websocket(host=host_header, origin=origin)
         except websocket.WebSocketBadStatusException as refused:
             return refused.status_code
-        ws.send(VERSION_INFO % ("w", "w"))
-        answered = '"cmdId" : "w"' in ws.recv()
-        ws.close()
-        return 101 if answered else -1
+        with contextlib.closing(ws):
+            ws.send(VERSION_INFO % ("w", "w"))
+            return 101 if '"cmdId" : "w"' in ws.recv() else -1
 
 
 class StrictHttp(unittest.TestCase):  # what no well-behaved client sends is answered, not dropped.
