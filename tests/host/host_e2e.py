@@ -1,11 +1,9 @@
 #!/usr/bin/python3
-"""qs-host end to end: a copy of qs-host and the module in a fresh folder,
-driven over real loopback sockets with the standard library's HTTP client, raw
-sockets for what no well-behaved client sends, and python3-websocket.
-
-    host_e2e.py QS_HOST MODULE STANDIN_MODULE PARTIAL_STANDIN_MODULE [TestClass ...]
-"""
+"""qs-host end to end in fresh folders, over loopback: http.client, raw sockets, python3-websocket.
+    host_e2e.py QS_HOST MODULE STANDIN_MODULE PARTIAL_STANDIN_MODULE [TestClass ...]"""
 import atexit
+import concurrent.futures
+import contextlib
 import fcntl
 import glob
 import http.client
@@ -26,15 +24,13 @@ import websocket
 
 QS_HOST = MODULE = STANDIN = PARTIAL = SANITIZED = None
 VERSION_INFO = '{"id":"%s","cmdId":"%s","method":"VersionInfo"}'
-# qs-host refuses root unless told; ThreadSanitizer's runtime of this toolchain
-# mis-sizes the thread-local blocks of a dlopen()ed library unless told.
+# kept: qs-host refuses root unless told; this toolchain's TSan mis-sizes a dlopen()ed library's TLS unless told.
 ROOT = ["--allow-root"] if os.geteuid() == 0 else []
 TSAN = {"TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + ":intercept_tls_get_addr=0"}
 
 
 class Host:
-    """qs-host and a module (the real one, or the stand-in as "standin.so") in
-    a folder of their own; stop() sends SIGTERM and expects exit status 0."""
+    """qs-host and the module (or a stand-in "standin.so") in a folder; stop() expects exit status 0."""
 
     def __init__(self, args=(), configuration=None, module=None, env=None, port_arg=("--port", "0"), files=None,
                  handed=None, folder=None):
@@ -45,8 +41,7 @@ class Host:
         shutil.copy(module or MODULE, self.module)
         for name, text in dict(files or {}, **({"QSConfiguration.ini": configuration} if configuration else {})).items():
             os.makedirs(os.path.dirname(os.path.join(self.folder, name)), exist_ok=True)
-            with open(os.path.join(self.folder, name), "w") as out:
-                out.write(text)
+            open(os.path.join(self.folder, name), "w").write(text)
         extra = ["--module", self.module] if module else []
         command, fds = [os.path.join(self.folder, "qs-host"), *port_arg, *ROOT, *extra, *args], []
         if handed:  # (descriptors, LISTEN_FDNAMES, LISTEN_PID): placed from 3 on, as the service manager does
@@ -64,8 +59,7 @@ class Host:
         def collect():
             for line in self.process.stdout:
                 self.lines.append(line)
-                found = re.match(r"listening on (https?)://127.0.0.1:(\d+)/", line)
-                if found:
+                if found := re.match(r"listening on (https?)://127.0.0.1:(\d+)/", line):
                     setattr(self, "tls_port" if found.group(1) == "https" else "port", int(found.group(2)))
                 if line.startswith("qs-host: Ctrl-C"):
                     ready.set()
@@ -79,8 +73,7 @@ class Host:
         code, _ = self.process.wait(60), self.reader.join(10)
         return code
 
-    def discard(self):
-        """At exit: a host that a failure or time-out left running is killed before its folder goes."""
+    def discard(self):  # at exit: a host that a failure or time-out left running is killed before its folder goes.
         if self.process is not None and self.process.poll() is None:
             self.process.kill()
             self.process.wait()
@@ -93,14 +86,11 @@ class Host:
         return "".join(self.lines)
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
-        code = self.wait()
-        if code != 0:
+        self.process.send_signal(signal.SIGTERM)  # none once it has exited
+        if (code := self.wait()) != 0:
             raise AssertionError("qs-host exited with %s:\n%s" % (code, self.output()))
 
     def request(self, method, path, body=None, headers=None, host=None, connection=None):
-        """One request, on a fresh connection unless one is given."""
         c = connection or http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
         try:
             c.putrequest(method, path, skip_host=True, skip_accept_encoding=True)
@@ -115,14 +105,13 @@ class Host:
             if connection is None:
                 c.close()
 
-    def raw(self, data):
-        """Sends bytes as they are; what comes back until the host closes."""
+    def command(self, cmd_id, headers=None, **options):  # VersionInfo on /kxp/
+        return self.request("POST", "/kxp/", VERSION_INFO % ("1", cmd_id), headers or {"User-Agent": "e2e"}, **options)
+
+    def raw(self, data):  # sends bytes as they are; what comes back until the host closes.
         with socket.create_connection(("127.0.0.1", self.port), timeout=10) as sock:
             sock.sendall(data)
-            received = b""
-            while piece := sock.recv(65536):
-                received += piece
-            return received
+            return b"".join(iter(lambda: sock.recv(65536), b""))
 
     def websocket(self, path="/kxp/", host=None, origin=None, agent="e2e"):
         return websocket.create_connection("ws://127.0.0.1:%d%s" % (self.port, path), timeout=20,
@@ -131,127 +120,120 @@ class Host:
                                            origin=origin, suppress_origin=origin is None)
 
 
-def closed(sock):
-    """Whether the peer closed: an end of stream, or a reset."""
-    try:
-        return sock.recv(100) == b""
-    except ConnectionResetError:
-        return True
+def closed(sock):  # whether the peer closed (an end of stream, or a reset); closes `sock`
+    with sock:
+        sock.settimeout(10)
+        try:
+            return sock.recv(100) == b""
+        except ConnectionResetError:
+            return True
 
 
 def status_of(reply):
     return int(reply.split(b" ", 2)[1]) if reply.startswith(b"HTTP/1.") else None
 
 
+def close_of(frame):  # a close frame's opcode, code and reason
+    return frame.opcode, int.from_bytes(frame.data[:2], "big"), frame.data[2:]
+
+
+def work_folder(prefix):  # a fresh folder with qs-host and the module, removed at exit.
+    folder = tempfile.mkdtemp(prefix=prefix)
+    atexit.register(shutil.rmtree, folder, True)
+    for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
+        shutil.copy(source, os.path.join(folder, name))
+    return folder
+
+
+def run(folder, *args):  # qs-host of `folder` run to its end: exit status, standard output, standard error.
+    done = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, *args], capture_output=True, text=True,
+                          env=dict(os.environ, **TSAN), timeout=60)
+    return done.returncode, done.stdout, done.stderr
+
+
+def started(test, *args, **options):  # a Host that `test` stops when it ends.
+    host = Host(*args, **options)
+    test.addCleanup(host.stop)
+    return host
+
+
 CHROME = "Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko) Chrome/120.0 Safari/537.36"
 FIREFOX = "Mozilla/5.0 (X11; Linux x86_64; rv:128.0) Gecko/20100101 Firefox/128.0"
 
 
-class Routes(unittest.TestCase):
-    """Which route answers what, with the real module: status codes, content
-    types, ids. (The documents themselves are pinned by the module's tests.)"""
+class Routes(unittest.TestCase):  # which route answers what (the module's tests pin its documents)
 
-    @classmethod
-    def setUpClass(cls):
-        cls.host = Host(["--threads", "4"])
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.host.stop()
+    def setUp(self):
+        self.host = started(self, ["--threads", "4"])
 
     def test_http_routes(self):
         kept = http.client.HTTPConnection("127.0.0.1", self.host.port, timeout=20)
-        ua = {"User-Agent": "e2e"}
+        ua, json, text = {"User-Agent": "e2e"}, "application/json", "text/plain; charset=utf-8"
         rows = [  # method, path, body, headers -> status, content type, text the body holds
-            ("POST", "/kxp/", VERSION_INFO % ("7", "c1"), ua, 200, "application/json", b'"cmdId" : "c1"'),
+            ("POST", "/kxp/", VERSION_INFO % ("7", "c1"), ua, 200, json, b'"cmdId" : "c1"'),
             # What follows a blank line is the module's body, not the command.
-            ("POST", "/kxp/", '{"id":"1","method":"QSVersion"}\r\n\r\nDATA', ua, 200, "application/json",
-             b'"Quintaris Service"'),
-            ("POST", "/kxp/", '{"id":"5","method":"VersionInfo"}', {}, 200, "application/json",
-             b'"exception" : -2205'),  # no User-Agent: browser type 0
+            ("POST", "/kxp/", '{"id":"1","method":"QSVersion"}\r\n\r\nDATA', ua, 200, json, b'"Quintaris Service"'),
+            ("POST", "/kxp/", '{"id":"5","method":"VersionInfo"}', {}, 200, json, b'"exception" : -2205'),  # browser 0
             ("GET", "/", None, ua, 200, "text/html; charset=utf-8", b'data-alias="kxp"'),
-            ("GET", "/kxp/", None, ua, 200, "text/plain; charset=utf-8", b"Invalid command"),
+            ("GET", "/kxp/", None, ua, 200, text, b"Invalid command"),
             # Image records are stored and read by the browser client's tests; a URL without GUID is the host's.
-            ("POST", "/SetEncryptedImageMap?x=1", "abc", ua, 400, "text/plain; charset=utf-8", b"names no GUID"),
-            ("POST", "/kxp/LoadZipFromBytes?type=2&qsver=1.2&x=1", b"PK\x03\x04\x00\x00", ua, 200,
-             "application/json", b'"result" : [ 2, "1.2", false ]'),
-            ("POST", "/CheckUpdateFile?qsver=15&x=1", '{"id":"9","method":"CheckUpdateFile","parameter":[]}', ua,
-             200, "application/json", b'"result" : [ "15", false ]'),
+            ("POST", "/SetEncryptedImageMap?x=1", "abc", ua, 400, text, b"names no GUID"),
+            ("POST", "/kxp/LoadZipFromBytes?type=2&qsver=1.2&x=1", b"PK\x03\x04\x00\x00", ua, 200, json,
+             b'"result" : [ 2, "1.2", false ]'),
+            ("POST", "/CheckUpdateFile?qsver=15&x=1", '{"id":"9","method":"CheckUpdateFile","parameter":[]}', ua, 200,
+             json, b'"result" : [ "15", false ]'),
         ]
-        for method, path, body, headers, status, kind, text in rows:
-            with self.subTest(path=path):
-                got, reply, content = self.host.request(method, path, body, headers, connection=kept)
-                self.assertEqual((status, kind, "qs-host"), (got, reply["content-type"], reply["server"]))
-                self.assertIn(text, content)
+        for method, path, body, headers, status, kind, held in rows:
+            got, reply, content = self.host.request(method, path, body, headers, connection=kept)
+            self.assertEqual((status, kind, "qs-host", True),
+                             (got, reply["content-type"], reply["server"], held in content), content[:200])
         page = self.host.request("GET", "/", connection=kept)[2]
         status, reply, content = self.host.request("HEAD", "/", connection=kept)
         self.assertEqual((200, str(len(page)), b""), (status, reply["content-length"], content))
 
     def test_websocket_routes(self):
-        ws = self.host.websocket("/kxp/")
-        for command, text in ((VERSION_INFO % ("1", "a"), '"cmdId" : "a"'),
-                              ('{"id":"4","cmdId":"d","method":"GetPorts","parameter":["0"]}', '"exception" : -2408')):
-            ws.send(command)
-            self.assertIn(text, ws.recv())
-        ws.close()
-        for path, agent, text in (("/elsewhere", "e2e", "Invalid command"), ("/kxp/", None, '"exception" : -2205')):
-            ws = self.host.websocket(path, agent=agent)
-            ws.send('{"id":"1","method":"QSVersion"}')
-            self.assertIn(text, ws.recv())
-            ws.close()
+        for path, agent, command, text in (  # each on a connection of its own
+                ("/kxp/", "e2e", '{"id":"4","cmdId":"d","method":"GetPorts","parameter":["0"]}', '"exception" : -2408'),
+                ("/elsewhere", "e2e", '{"id":"1","method":"QSVersion"}', "Invalid command"),
+                ("/kxp/", None, '{"id":"1","method":"QSVersion"}', '"exception" : -2205')):
+            with contextlib.closing(self.host.websocket(path, agent=agent)) as ws:
+                ws.send(command)
+                self.assertIn(text, ws.recv())
 
 
-class Lifecycle(unittest.TestCase):
-    """TLS, the stop, one command without a server."""
+class Lifecycle(unittest.TestCase):  # tLS, the stop, one command without a server.
 
     def test_tls_beside_plain(self):
-        folder = tempfile.mkdtemp(prefix="qs_cert_")
-        atexit.register(shutil.rmtree, folder, True)
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj",
-                        "/CN=127.0.0.1", "-keyout", folder + "/key.pem", "-out", folder + "/cert.pem"],
-                       check=True, capture_output=True)
-        host = Host(files={"cert/server.pem": open(folder + "/cert.pem").read(),
-                           "cert/server_key.pem": open(folder + "/key.pem").read()})
-        try:
-            self.assertNotIn(host.tls_port, (None, host.port), host.output())
-            context = ssl._create_unverified_context()
-            connection = http.client.HTTPSConnection("127.0.0.1", host.tls_port, timeout=20, context=context)
-            connection.request("POST", "/kxp/", VERSION_INFO % ("1", "s"), {"User-Agent": "e2e"})
-            self.assertIn(b'"cmdId" : "s"', connection.getresponse().read())
-            wss = websocket.create_connection("wss://127.0.0.1:%d/kxp/" % host.tls_port, timeout=20,
-                                              header=["User-Agent: e2e"], sslopt={"cert_reqs": ssl.CERT_NONE})
+        pem = subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj",
+                              "/CN=127.0.0.1", "-keyout", "/dev/stdout", "-out", "/dev/stdout"],
+                             check=True, capture_output=True, text=True).stdout  # the key, then the certificate
+        key, cert = pem.split("-----BEGIN CERTIFICATE-----")
+        host = started(self, files={"cert/server.pem": "-----BEGIN CERTIFICATE-----" + cert, "cert/server_key.pem": key})
+        self.assertNotIn(host.tls_port, (None, host.port), host.output())
+        connection = http.client.HTTPSConnection("127.0.0.1", host.tls_port, timeout=20,
+                                                 context=ssl._create_unverified_context())
+        connection.request("POST", "/kxp/", VERSION_INFO % ("1", "s"), {"User-Agent": "e2e"})
+        self.assertIn(b'"cmdId" : "s"', connection.getresponse().read())
+        with contextlib.closing(websocket.create_connection("wss://127.0.0.1:%d/kxp/" % host.tls_port, timeout=20,
+                                header=["User-Agent: e2e"], sslopt={"cert_reqs": ssl.CERT_NONE})) as wss:
             wss.send('{"id":"2","cmdId":"w","method":"QSVersion"}')
             self.assertIn('"cmdId" : "w"', wss.recv())
-            wss.close()
-        finally:
-            host.stop()
 
     def test_sigterm_closes_sockets_and_releases_the_module(self):
         host = Host()
         ws = host.websocket()
-        ws.send('{"id":"1","method":"QSVersion"}')
-        self.assertIn("Quintaris Service", ws.recv())
         idle = socket.create_connection(("127.0.0.1", host.port), timeout=10)
         host.process.send_signal(signal.SIGTERM)
-        frame = ws.recv_frame()
-        self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1001, b"the service stops"),
-                         (frame.opcode, int.from_bytes(frame.data[:2], "big"), frame.data[2:]))
+        self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1001, b"the service stops"), close_of(ws.recv_frame()))
         self.assertEqual(0, host.wait())
         self.assertTrue(closed(idle))
-        idle.close()
-        self.assertIn("qs-host: stopping (signal 15)\n", host.output())
-        self.assertIn("qs-host: stopped after signal 15; module released (DoAction 3)\n", host.output())
-        host.stop()
+        self.assertIn("qs-host: stopping (signal 15)\nqs-host: stopped after signal 15; module released (DoAction 3)\n",
+                      host.output())
 
     def test_call(self):
-        folder = tempfile.mkdtemp(prefix="qs_call_")  # the module's work folder
-        atexit.register(shutil.rmtree, folder, True)
-        for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
-            shutil.copy(source, os.path.join(folder, name))
-        q = '{"id":"1","cmdId":"x","method":"QSVersion"}'
+        folder, q = work_folder("qs_call_"), '{"id":"1","cmdId":"x","method":"QSVersion"}'
         for args, status, text in (  # arguments -> exit status, text the output holds
                 (["call", q], 0, '"Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
-                (["call", "--no-user-agent", q], 0, '"exception" : -2205'),
                 (["call"], 2, "qs-host: call needs one JSON command\n"),
                 # Options in any order; one that does not apply is refused.
                 (["--url", "/kxp/", "--no-user-agent", "call", q], 0, '"exception" : -2205'),
@@ -259,20 +241,14 @@ class Lifecycle(unittest.TestCase):
                 (["--url", "/x"], 2, "--url does not apply to the server\n"),
                 (["config", "--head-timeout", "5"], 2, "--head-timeout does not apply to config\n"),
                 (["--port", "0", "anything"], 2, 'unknown word "anything"')):
-            run = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, *args], capture_output=True, text=True,
-                                 env=dict(os.environ, **TSAN), timeout=60)
-            self.assertEqual((status, True), (run.returncode, text in (run.stderr if status else run.stdout)), run.stderr)
+            code, out, err = run(folder, *args)
+            self.assertEqual((status, True), (code, text in (err if status else out)), err)
 
 
-class StandIn(unittest.TestCase):
-    """With a stand-in module: what reaches it, answers it gives or does not
-    give, start-up failures and the order of the stop."""
+class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its answers, start-up, the stop
 
     def setUp(self):
-        self.host = Host(module=STANDIN)
-
-    def tearDown(self):
-        self.host.stop()
+        self.host = started(self, module=STANDIN)
 
     def test_the_module_is_told_what_the_request_carries(self):
         h = self.host
@@ -289,32 +265,26 @@ class StandIn(unittest.TestCase):
         ]
         for method, path, body, headers, echo in rows:
             self.assertEqual(echo, h.request(method, path, body, headers, connection=kept)[2].decode())
-        # A WebSocket keeps one index; text messages are commands, binary
-        # ones bodies without a command.
-        ws = h.websocket("/tst/ws", origin="http://127.0.0.1:1", agent=CHROME)
-        ws.send("hello")
-        self.assertEqual("connection=5|url=/tst/ws|request=hello|body=-|browser=2|domain=http://127.0.0.1:1|socket=yes",
-                         ws.recv())
-        ws.send_binary(b"\x01\x02")
-        self.assertEqual("connection=5|url=/tst/ws|request=|body=0102|browser=2|domain=http://127.0.0.1:1|socket=yes",
-                         ws.recv())
-        ws.close()
+        # A WebSocket keeps one index; text messages are commands, binary ones bodies without a command.
+        with contextlib.closing(h.websocket("/tst/ws", origin="http://127.0.0.1:1", agent=CHROME)) as ws:
+            for send, message, echo in ((ws.send, "hello", "hello|body=-"), (ws.send_binary, b"\x01\x02", "|body=0102")):
+                send(message)
+                self.assertEqual("connection=5|url=/tst/ws|request=%s|browser=2|domain=http://127.0.0.1:1|socket=yes"
+                                 % echo, ws.recv())
         self.assertIn(b'data-alias="tst"', h.request("GET", "/")[2])
         self.assertIn("qs-host: module %s (alias \"tst\", standin_1)\n" % h.module, h.output())
 
     def test_answers_the_module_gives_or_does_not_give(self):
         h = self.host
         kept = http.client.HTTPConnection("127.0.0.1", h.port, timeout=20)
-        rows = [  # command -> status, content type, body
-            ("throw", 400, "text/plain; charset=utf-8", b"the module raised: basic_string::substr\n"),
-            ("data", 200, "application/octet-stream", b"with data\r\n\r\n\x00\x01\x02\xff"),
-            ("twice", 200, "text/plain; charset=utf-8", b"first"),
-            ("silent", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
-            ("later", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
-            # The late answer of the last request is not taken for this one's.
-            ("after-late", 200, "text/plain; charset=utf-8", b"after-late"),
-        ]
-        for command, status, kind, body in rows:
+        for command, status, kind, body in (  # command -> status, content type, body
+                ("throw", 400, "text/plain; charset=utf-8", b"the module raised: basic_string::substr\n"),
+                ("data", 200, "application/octet-stream", b"with data\r\n\r\n\x00\x01\x02\xff"),
+                ("twice", 200, "text/plain; charset=utf-8", b"first"),
+                ("silent", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
+                ("later", 500, "text/plain; charset=utf-8", b"the module sent no answer\n"),
+                # The late answer of the last request is not taken for this one's.
+                ("after-late", 200, "text/plain; charset=utf-8", b"after-late")):
             got, reply, content = h.request("POST", "/tst/", command, {"User-Agent": "e2e"}, connection=kept)
             self.assertEqual((status, kind, body), (got, reply["content-type"], content), command)
         ws = h.websocket("/tst/")
@@ -325,18 +295,16 @@ class StandIn(unittest.TestCase):
         self.assertEqual([(text, b"with data"), (binary, b"\x00\x01\x02\xff"), (text, b"first"), (text, b"second"),
                           (text, b"later"), (text, b"after-late")], received)
         ws.send("throw")
-        frame = ws.recv_frame()
-        self.assertEqual((1011, b"the module raised: basic_string::substr"),
-                         (int.from_bytes(frame.data[:2], "big"), frame.data[2:]))
+        self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1011, b"the module raised: basic_string::substr"),
+                         close_of(ws.recv_frame()))
         self.assertEqual(200, h.request("POST", "/tst/", "fine", connection=kept)[0], "serving goes on")
 
     def test_stop_waits_for_the_command_in_flight_then_releases_the_module(self):
         h = self.host
         connection = http.client.HTTPConnection("127.0.0.1", h.port, timeout=20)
         connection.request("POST", "/tst/", "slow", {"User-Agent": "e2e"})
-        for _ in range(500):
-            if "DistributeCommand begin slow" in h.log():
-                break
+        deadline = time.monotonic() + 5
+        while "DistributeCommand begin slow" not in h.log() and time.monotonic() < deadline:
             time.sleep(0.01)
         h.process.send_signal(signal.SIGINT)
         response = connection.getresponse()
@@ -348,16 +316,13 @@ class StandIn(unittest.TestCase):
 
     def test_start_up(self):
         self.host.stop()
-        taken = socket.socket()
-        taken.bind(("127.0.0.1", 0))
-        taken.listen()
-        first, second = taken.getsockname()[1], free_port()
-        # The module's pair, the second when the first is taken.
+        taken, probe = tcp(), tcp(listening=False)
+        first, second = taken.getsockname()[1], probe.getsockname()[1]
+        probe.close()
         host = Host(module=STANDIN, env={"QS_STANDIN_PORTS": "%d,%d" % (first, second)}, port_arg=())
-        self.assertEqual(second, host.port)
+        self.assertEqual(second, host.port, "the module's pair: the second when the first is taken")
         host.stop()
-        # --ports replaces the pair; when both are taken qs-host gives up, and
-        # still releases the module.
+        # --ports replaces the pair; when both are taken qs-host gives up, and still releases the module.
         host = Host(["--ports", "%d,%d" % (first, first)], module=STANDIN, port_arg=())
         self.assertEqual(1, host.wait())
         self.assertIn("qs-host: cannot listen on 127.0.0.1 (port %d: Address already in use; port %d: Address "
@@ -368,67 +333,50 @@ class StandIn(unittest.TestCase):
                                     "qs-host: cannot load the module /nonexistent/libnothing.so: "),
                                    (PARTIAL, [], " lacks the exports DistributeCommand, GetImage\n")):
             host = Host(args, module=module)
-            self.assertEqual(1, host.wait())
-            self.assertIn(text, host.output())
+            self.assertEqual((1, True), (host.wait(), text in host.output()), host.output())
 
     def test_socket_activation(self):
-        def tcp(address="127.0.0.1", listening=True, kind=socket.SOCK_STREAM):
-            made = socket.socket(socket.AF_INET, kind)
-            made.bind((address, 0))
-            if listening and kind == socket.SOCK_STREAM:
-                made.listen()
-            return made
-
         self.host.stop()
         why, pipe = "qs-host: the socket handed over as descriptor 3 ", os.pipe()
-        rows = [  # descriptors, names -> the last line qs-host writes before it gives up
-            ([], "", why + "is not open\n"),
-            ([pipe[0]], "http", why + '("http") is not a socket\n'),
-            ([tcp(listening=False)], "", why + "is not listening\n"),
-            ([tcp("0.0.0.0")], "http", why + '("http") is not bound to a loopback address\n'),
-            ([tcp(kind=socket.SOCK_DGRAM)], "http", why + '("http") is not a stream socket\n'),
-            ([tcp()], "ftp", why + '("ftp") has a name other than "http" or "https"\n'),
-        ]
-        for handed, names, text in rows:
+        for handed, names, text in (  # descriptors, names -> the last line qs-host writes before it gives up
+                ([], "", why + "is not open\n"),
+                ([pipe[0]], "http", why + '("http") is not a socket\n'),
+                ([tcp(listening=False)], "", why + "is not listening\n"),
+                ([tcp("0.0.0.0")], "http", why + '("http") is not bound to a loopback address\n'),
+                ([tcp(kind=socket.SOCK_DGRAM)], "http", why + '("http") is not a stream socket\n'),
+                ([tcp()], "ftp", why + '("ftp") has a name other than "http" or "https"\n')):
             host = Host(module=STANDIN, handed=(handed, names, "$$"))
             self.assertEqual((1, text), (host.wait(), host.lines[-1] if host.lines else ""), names)
-        # Loopback listeners handed to this process are served (TLS only with
-        # a certificate) and not inherited by the module's helpers; handed to
-        # another process, they are not taken.
+        # Listeners handed to this process: served (TLS with a certificate), not inherited; to another: not taken.
         plain, tls = tcp(), tcp()
         host = Host(module=STANDIN, handed=([plain, tls], "http:https", "$$"))
         self.assertEqual(plain.getsockname()[1], host.port)
         self.assertIn("qs-host: the socket handed over for TLS (port %d) is not served: there is no certificate\n"
                       % tls.getsockname()[1], host.output())
-        for fd in (3, 4):
-            with open("/proc/%d/fdinfo/%d" % (host.process.pid, fd)) as info:
-                self.assertTrue(int(re.search(r"flags:\s+(\d+)", info.read()).group(1), 8) & os.O_CLOEXEC)
+        flags = proc_values(host, "fdinfo/[34]", r"flags:\s+(\d+)", 8)
+        self.assertEqual([os.O_CLOEXEC] * 2, [value & os.O_CLOEXEC for value in flags])
         host.stop()
         host = Host(module=STANDIN, handed=([plain], "http", "1"))
         self.assertNotIn(host.port, (None, plain.getsockname()[1]))
         host.stop()
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+def tcp(address="127.0.0.1", listening=True, kind=socket.SOCK_STREAM):
+    made = socket.socket(socket.AF_INET, kind)
+    made.bind((address, 0))
+    if listening and kind == socket.SOCK_STREAM:
+        made.listen()
+    return made
 
 
-class RequestPolicy(unittest.TestCase):
-    """Host names and origins, over HTTP and WebSocket, with the module's
-    CORS-all flag on (its default) and off."""
+class RequestPolicy(unittest.TestCase):  # host names, origins; HTTP, WebSocket; CORS-all on (default) and off
 
     @classmethod
     def setUpClass(cls):
         extra = ["--allow-host", "proxy.test", "--allow-origin", "https://app.example"]
-        cls.on = Host(extra)
-        cls.off = Host(extra, "[QS]\nEnableCORSAll=FALSE\n")
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.on.stop()
-        cls.off.stop()
+        cls.on, cls.off = Host(extra), Host(extra, "[QS]\nEnableCORSAll=FALSE\n")
+        cls.addClassCleanup(cls.on.stop)
+        cls.addClassCleanup(cls.off.stop)
 
     def test_host_names(self):
         rows = [  # Host header (PORT: the host's port) -> status
@@ -442,47 +390,38 @@ class RequestPolicy(unittest.TestCase):
                 header = name.replace("PORT", str(host.port))
                 for method, path, body, served in (("POST", "/kxp/", VERSION_INFO % ("1", "h"), 200),
                                                    ("GET", "/GetEncryptedImageMap?GUID=none", None, 404)):
-                    with self.subTest(host=header, path=path):
-                        status, _, _ = host.request(method, path, body, host=header)
-                        self.assertEqual(served if expected == 200 else expected, status)
+                    status = host.request(method, path, body, host=header)[0]
+                    self.assertEqual(served if expected == 200 else expected, status, (header, path))
                 if header:
-                    with self.subTest(host=header, websocket=True):
-                        self.assertEqual(expected if expected != 200 else 101, self.upgrade(host, header, None))
-            # HTTP/1.1 requires a Host; HTTP/1.0 does not.
-            self.assertEqual(400, status_of(host.raw(b"GET / HTTP/1.1\r\n\r\n")))
-            self.assertEqual(200, status_of(host.raw(b"GET / HTTP/1.0\r\n\r\n")))
+                    self.assertEqual(expected if expected != 200 else 101, self.upgrade(host, header, None), header)
+            self.assertEqual(400, status_of(host.raw(b"GET / HTTP/1.1\r\n\r\n")), "HTTP/1.1 requires a Host")
+            self.assertEqual(200, status_of(host.raw(b"GET / HTTP/1.0\r\n\r\n")), "HTTP/1.0 does not")
 
     def test_origins(self):
-        rows = [  # Origin (None: no header) -> (flag on, flag off): status and Access-Control-Allow-Origin;
-            # a refused origin is named in its 403, so the page can read the refusal
-            (None, (200, "*"), (200, None)),
-            ("https://evil.test", (200, "*"), (403, "https://evil.test")),
-            ("null", (200, "*"), (403, "null")),
-            ("http://127.0.0.1.evil.test", (200, "*"), (403, "http://127.0.0.1.evil.test")),
-            ("http://localhost:5173", (200, "*"), (200, "http://localhost:5173")),
-            ("https://127.0.0.1", (200, "*"), (200, "https://127.0.0.1")),
-            ("http://[::1]:8080", (200, "*"), (200, "http://[::1]:8080")),
-            ("https://app.example", (200, "*"), (200, "https://app.example")),
-            ("https://app.example:444", (200, "*"), (403, "https://app.example:444")),
-        ]
-        for origin, on, off in rows:
+        for origin, on, off in (  # on, off: status, Access-Control-Allow-Origin (a 403 names the origin)
+                (None, (200, "*"), (200, None)),
+                ("https://evil.test", (200, "*"), (403, "https://evil.test")),
+                ("null", (200, "*"), (403, "null")),
+                ("http://127.0.0.1.evil.test", (200, "*"), (403, "http://127.0.0.1.evil.test")),
+                ("http://localhost:5173", (200, "*"), (200, "http://localhost:5173")),
+                ("https://127.0.0.1", (200, "*"), (200, "https://127.0.0.1")),
+                ("http://[::1]:8080", (200, "*"), (200, "http://[::1]:8080")),
+                ("https://app.example", (200, "*"), (200, "https://app.example")),
+                ("https://app.example:444", (200, "*"), (403, "https://app.example:444"))):
             for host, (expected, allow) in ((self.on, on), (self.off, off)):
                 headers = {"Origin": origin, "User-Agent": "e2e"} if origin else {"User-Agent": "e2e"}
-                with self.subTest(origin=origin, cors_all=host is self.on):
-                    status, reply, body = host.request("POST", "/kxp/", VERSION_INFO % ("1", "o"), headers)
-                    self.assertEqual(expected, status)
-                    self.assertEqual(allow, reply.get("access-control-allow-origin"))
-                    self.assertEqual("Origin" if allow not in (None, "*") else None, reply.get("vary"))
-                    if status == 200:
-                        self.assertIn(b'"cmdId" : "o"', body)
-                    # A refused page cannot reach the module: a record it tries
-                    # to store is not there afterwards.
-                    guid = "probe%d" % abs(hash((origin, expected)))
-                    host.request("POST", "/SetEncryptedImageMap?GUID=" + guid, "x", headers)
-                    stored, _, _ = host.request("GET", "/GetEncryptedImageMap?GUID=" + guid)
-                    self.assertEqual(404 if expected == 403 else 200, stored)
-                    self.assertEqual(403 if expected == 403 else 101,
-                                     self.upgrade(host, "127.0.0.1:%d" % host.port, origin))
+                which = (origin, "CORS-all" if host is self.on else "CORS-all off")
+                status, reply, body = host.command("o", headers)
+                got = (status, reply.get("access-control-allow-origin"), reply.get("vary"), b'"cmdId" : "o"' in body)
+                vary = "Origin" if allow not in (None, "*") else None
+                self.assertEqual((expected, allow, vary, expected == 200), got, which)
+                # A refused page cannot reach the module: a record it tries to store is not there afterwards.
+                guid = "probe%d" % abs(hash((origin, expected)))
+                host.request("POST", "/SetEncryptedImageMap?GUID=" + guid, "x", headers)
+                stored, _, _ = host.request("GET", "/GetEncryptedImageMap?GUID=" + guid)
+                self.assertEqual(404 if expected == 403 else 200, stored, which)
+                upgraded = self.upgrade(host, "127.0.0.1:%d" % host.port, origin)
+                self.assertEqual(403 if expected == 403 else 101, upgraded, which)
 
     def test_preflight(self):
         ask = {"Access-Control-Request-Method": "POST", "Access-Control-Request-Headers": "content-type",
@@ -490,12 +429,11 @@ class RequestPolicy(unittest.TestCase):
         for host, origin, expected, allow in ((self.on, "https://evil.test", 204, "*"),
                                               (self.off, "https://evil.test", 403, "https://evil.test"),
                                               (self.off, "http://localhost:3000", 204, "http://localhost:3000")):
-            with self.subTest(origin=origin, cors_all=host is self.on):
-                status, reply, _ = host.request("OPTIONS", "/kxp/", None, dict(ask, Origin=origin))
-                granted = ("true", "GET, POST, OPTIONS", "content-type") if status == 204 else (None, None, None)
-                self.assertEqual((expected, allow, *granted), (status, *map(reply.get, (
-                    "access-control-allow-origin", "access-control-allow-private-network",
-                    "access-control-allow-methods", "access-control-allow-headers"))))
+            status, reply, _ = host.request("OPTIONS", "/kxp/", None, dict(ask, Origin=origin))
+            granted = ("true", "GET, POST, OPTIONS", "content-type") if status == 204 else (None, None, None)
+            self.assertEqual((expected, allow, *granted), (status, *map(reply.get, (
+                "access-control-allow-origin", "access-control-allow-private-network",
+                "access-control-allow-methods", "access-control-allow-headers"))), origin)
 
     @staticmethod
     def upgrade(host, host_header, origin):
@@ -503,22 +441,15 @@ class RequestPolicy(unittest.TestCase):
             ws = host.websocket(host=host_header, origin=origin)
         except websocket.WebSocketBadStatusException as refused:
             return refused.status_code
-        ws.send(VERSION_INFO % ("w", "w"))
-        answered = '"cmdId" : "w"' in ws.recv()
-        ws.close()
-        return 101 if answered else -1
+        with contextlib.closing(ws):
+            ws.send(VERSION_INFO % ("w", "w"))
+            return 101 if '"cmdId" : "w"' in ws.recv() else -1
 
 
-class StrictHttp(unittest.TestCase):
-    """What no well-behaved client sends is answered, not dropped."""
+class StrictHttp(unittest.TestCase):  # what no well-behaved client sends is answered, not dropped.
 
-    @classmethod
-    def setUpClass(cls):
-        cls.host = Host()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.host.stop()
+    def setUp(self):
+        self.host = started(self)
 
     def test_malformed_requests(self):
         head = b"Host: 127.0.0.1\r\n"
@@ -529,8 +460,7 @@ class StrictHttp(unittest.TestCase):
             (b"POST /kxp/ HTTP/1.1\r\n" + head + b"Content-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n", 400, b""),
             (b"POST /kxp/ HTTP/1.1\r\n" + head + b"Transfer-Encoding: gzip\r\n\r\n", 400, b""),
             (b"PUT /kxp/ HTTP/1.1\r\n" + head + b"Content-Length: 0\r\n\r\n", 405, b"Allow: GET, HEAD, POST, OPTIONS"),
-            # Over the route's limit: refused from the head alone, the body
-            # never sent.
+            # Over the route's limit: refused from the head alone, the body never sent.
             (b"POST /kxp/ HTTP/1.1\r\n" + head + b"Content-Length: 1048577\r\n\r\n", 413, b"at most 1048576 bytes"),
             (b"POST /SetEncryptedImageMap?GUID=a HTTP/1.1\r\n" + head + b"Content-Length: 2053\r\n\r\n", 413,
              b"an image record holds at most 2052 bytes"),
@@ -540,42 +470,31 @@ class StrictHttp(unittest.TestCase):
              b"Transfer-Encoding: chunked\r\n\r\n900\r\n" + b"x" * 0x900 + b"\r\n0\r\n\r\n", 413, b""),
         ]
         for data, expected, text in rows:
-            with self.subTest(request=data[:60]):
-                reply = self.host.raw(data)
-                self.assertEqual(expected, status_of(reply), reply[:200])
-                self.assertIn(text, reply)
-                self.assertIn(b"Connection: close", reply)
-        # The host still serves.
-        self.assertEqual(200, self.host.request("GET", "/")[0])
+            reply = self.host.raw(data)
+            self.assertEqual((expected, True, True), (status_of(reply), text in reply, b"Connection: close" in reply),
+                             reply[:200])
+        self.assertEqual(200, self.host.request("GET", "/")[0], "the host still serves")
 
     def test_websocket_message_over_the_limit_closes_with_1009(self):
         ws = self.host.websocket()
-        try:
+        with contextlib.suppress(OSError):  # the host may close before the whole message is sent
             ws.send("x" * (1024 * 1024 + 1))
-        except OSError:
-            pass  # the host may close before the whole message is sent; its close frame came first
-        frame = ws.recv_frame()
-        self.assertEqual(websocket.ABNF.OPCODE_CLOSE, frame.opcode)
-        self.assertEqual(1009, int.from_bytes(frame.data[:2], "big"))
+        self.assertEqual((websocket.ABNF.OPCODE_CLOSE, 1009), close_of(ws.recv_frame())[:2])
         ws.shutdown()
 
 
-class Limits(unittest.TestCase):
-    """Time and connection limits, with short time-outs."""
+class Limits(unittest.TestCase):  # time and connection limits, with short time-outs.
 
     def test_slow_clients_are_cut_off_and_do_not_hold_up_others(self):
-        host = Host(["--head-timeout", "3", "--idle-timeout", "4"])
-        self.addCleanup(host.stop)
+        host = started(self, ["--head-timeout", "3", "--idle-timeout", "4"])
         slow = [socket.create_connection(("127.0.0.1", host.port)) for _ in range(200)]
         stop = threading.Event()
 
         def trickle():
             for byte in b"POST /kxp/ HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: " + b"a" * 1000:
                 for sock in slow:
-                    try:
+                    with contextlib.suppress(OSError):
                         sock.send(bytes([byte]))
-                    except OSError:
-                        pass
                 if stop.wait(0.2):
                     return
 
@@ -584,69 +503,55 @@ class Limits(unittest.TestCase):
         self.addCleanup(trickler.join)
         self.addCleanup(stop.set)
         time.sleep(0.5)
-        started = time.monotonic()
-        status, _, body = host.request("POST", "/kxp/", VERSION_INFO % ("9", "fast"), {"User-Agent": "e2e"})
-        self.assertEqual((200, True), (status, b'"cmdId" : "fast"' in body))
-        self.assertLess(time.monotonic() - started, 1.0)
-        # The head limit ends every trickling connection: an orderly close, or
-        # a reset when the trickle reached the closed socket.
-        for sock in slow:
-            sock.settimeout(10)
+        began = time.monotonic()
+        status, _, body = host.command("fast")
+        self.assertEqual((200, True, True), (status, b'"cmdId" : "fast"' in body, time.monotonic() - began < 1.0))
+        for sock in slow:  # the head limit ends each: an orderly close, or a reset once the trickle hit it
             self.assertTrue(closed(sock))
-            sock.close()
-        # An idle keep-alive connection is closed after the idle limit.
-        with socket.create_connection(("127.0.0.1", host.port), timeout=10) as sock:
-            sock.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")
-            received = b""
-            while b"</html>" not in received:
-                received += sock.recv(65536)
-            waited = time.monotonic()
-            self.assertEqual(b"", sock.recv(100))
-            self.assertGreater(time.monotonic() - waited, 3.0)
+        kept = http.client.HTTPConnection("127.0.0.1", host.port, timeout=10)  # closed after the idle limit
+        self.assertEqual(200, host.request("GET", "/", connection=kept)[0])
+        waited = time.monotonic()
+        self.assertEqual(b"", kept.sock.recv(100))
+        self.assertGreater(time.monotonic() - waited, 3.0)
+        kept.close()
 
     def test_at_the_cap_the_longest_idle_connection_makes_room(self):
-        host = Host(["--max-connections", "20"])
-        self.addCleanup(host.stop)
+        host = started(self, ["--max-connections", "20"])
         idle = [socket.create_connection(("127.0.0.1", host.port), timeout=10) for _ in range(20)]
         time.sleep(0.2)
-        for _ in range(3):
-            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "cap"), {"User-Agent": "e2e"})[0])
+        self.assertEqual([200] * 3, [host.command("cap")[0] for _ in range(3)])
         self.assertTrue(closed(idle[0]), "the longest idle connection made room")
         for sock in idle:
             sock.close()
 
 
-class Budgets(unittest.TestCase):
-    """What all pages together can make the host hold, and what it costs idle."""
+class Budgets(unittest.TestCase):  # what all pages together can make the host hold, and what it costs idle.
 
     def test_upload_flood_within_memory(self):
-        host = Host()
-        self.addCleanup(host.stop)
+        host = started(self)
         idle = [socket.create_connection(("127.0.0.1", host.port)) for _ in range(400)]
-        body, statuses, slowest = b"PK\3\4" + b"u" * (1024 * 1024 - 4), [], []
+        body, slowest = b"PK\3\4" + b"u" * (1024 * 1024 - 4), []
         foreign = {"Origin": "https://evil.test", "User-Agent": "e2e", "Content-Type": "text/plain"}
-        uploads = [threading.Thread(target=lambda path: statuses.append(host.request("POST", path, body, foreign)[0]),
-                                    args=(path,)) for path in ("/LoadZipFromBytes?type=1", "/CheckUpdateFile") * 16]
-        for upload in uploads:
-            upload.start()
-        while any(upload.is_alive() for upload in uploads):
-            began = time.monotonic()
-            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "f"), {"User-Agent": "e2e"})[0])
-            slowest.append(time.monotonic() - began)
+        with concurrent.futures.ThreadPoolExecutor(32) as pool:
+            uploads = [pool.submit(host.request, "POST", path, body, foreign)
+                       for path in ("/LoadZipFromBytes?type=1", "/CheckUpdateFile") * 16]
+            while not all(upload.done() for upload in uploads):
+                began = time.monotonic()
+                self.assertEqual(200, host.command("f")[0])
+                slowest.append(time.monotonic() - began)
         for sock in idle:
             sock.close()
-        self.assertEqual(([200] * 32, True), (statuses, max(slowest) < 1.0), slowest)
+        self.assertEqual(([200] * 32, True), ([upload.result()[0] for upload in uploads], max(slowest) < 1.0), slowest)
         if not SANITIZED:
             self.assertLess(proc_values(host, "status", r"VmHWM:\s+(\d+)")[0], 128 * 1024)
 
     def test_bodies_over_the_budget_are_refused_before_they_are_read(self):
-        host = Host(["--body-budget", "1"])
-        self.addCleanup(host.stop)
+        host = started(self, ["--body-budget", "1"])
         holder = socket.create_connection(("127.0.0.1", host.port), timeout=10)
         holder.sendall(b"POST /LoadZipFromBytes?type=1 HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: e2e\r\n"
                        b"Expect: 100-continue\r\nContent-Length: 1048576\r\n\r\n")
         self.assertIn(b" 100 Continue", holder.recv(100))  # the whole budget is taken
-        status, reply, text = host.request("POST", "/kxp/", VERSION_INFO % ("1", "b"), {"User-Agent": "e2e"})
+        status, reply, text = host.command("b")
         self.assertEqual((503, "1", b"the service holds as many request bodies as it may; try again in a moment\n"),
                          (status, reply.get("retry-after"), text))
         self.assertEqual(200, host.request("GET", "/")[0], "no body, nothing taken")
@@ -656,35 +561,29 @@ class Budgets(unittest.TestCase):
         self.assertEqual(b"\x88\x2e\x03\xf5the service holds as many messages as it may", frame)
         holder.sendall(b"x" * 1048576)
         self.assertEqual(200, status_of(holder.recv(4096)))
-        self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "b"), {"User-Agent": "e2e"})[0])
+        self.assertEqual(200, host.command("b")[0])
         holder.close()  # answered and still open: what it held was given back with the answer
 
     def test_record_quota(self):
-        host = Host(["--max-records", "3"])
-        self.addCleanup(host.stop)
-        rows = [  # method, GUID, body -> status, the answer's beginning
-            ("POST", "A", "a", 204, b""), ("POST", "B", "b", 204, b""), ("POST", "C", "c", 204, b""),
-            ("POST", "D", "d", 507, b"this service stores at most 3 image records; overwrite or delete one first\n"),
-            ("POST", "A", "a2", 204, b""), ("GET", "A", None, 200, b"a2\0"),  # overwritten at the quota
-            ("POST", "B", "", 204, b""), ("POST", "D", "d", 204, b""),  # deleted, then room for one
-            ("POST", "X", "", 204, b""), ("POST", "E" * 256, "e", 507, b""),  # no record, no room made
-            ("POST", "E" * 257, "e", 414, b"an image-record GUID holds at most 256 bytes\n"),
-            ("GET", "E" * 257, None, 414, b"an image-record GUID"), ("GET", "D", None, 200, b"d\0"),
-        ]
-        for method, guid, body, status, text in rows:
+        host = started(self, ["--max-records", "3"])
+        for method, guid, body, status, text in (  # text: the answer's beginning
+                ("POST", "A", "a", 204, b""), ("POST", "B", "b", 204, b""), ("POST", "C", "c", 204, b""),
+                ("POST", "D", "d", 507, b"this service stores at most 3 image records; overwrite or delete one first\n"),
+                ("POST", "A", "a2", 204, b""), ("GET", "A", None, 200, b"a2\0"),  # overwritten at the quota
+                ("POST", "B", "", 204, b""), ("POST", "D", "d", 204, b""),  # deleted, then room for one
+                ("POST", "X", "", 204, b""), ("POST", "E" * 256, "e", 507, b""),  # no record, no room made
+                ("POST", "E" * 257, "e", 414, b"an image-record GUID holds at most 256 bytes\n"),
+                ("GET", "E" * 257, None, 414, b"an image-record GUID"), ("GET", "D", None, 200, b"d\0")):
             path = "/%sEncryptedImageMap?GUID=%s" % ("Set" if body is not None else "Get", guid)
-            with self.subTest(method=method, guid=guid[:8], body=body):
-                got, _, content = host.request(method, path, body)
-                self.assertEqual((status, text), (got, content[:len(text)]))
+            got, _, content = host.request(method, path, body)
+            self.assertEqual((status, text), (got, content[:len(text)]), (method, guid[:8], body))
 
     def test_no_wake_ups_without_work(self):
         if SANITIZED == b"tsan":
             self.skipTest("ThreadSanitizer's own thread wakes on a clock")
-        host = Host()
-        self.addCleanup(host.stop)
+        host = started(self)
         kept = [http.client.HTTPConnection("127.0.0.1", host.port, timeout=20) for _ in range(20)]
-        for connection in kept:
-            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "i"), {}, connection=connection)[0])
+        self.assertEqual([200] * 20, [host.command("i", connection=connection)[0] for connection in kept])
         for what in ("20 idle keep-alive connections", "no connection"):
             time.sleep(0.5)
             before = sum(proc_values(host, "task/*/status", r"ctxt_switches:\s+(\d+)"))
@@ -694,23 +593,15 @@ class Budgets(unittest.TestCase):
                 connection.close()
 
 
-def proc_values(host, files, pattern):
-    """The numbers `pattern` finds in the host's /proc files."""
-    found = []
-    for name in glob.glob("/proc/%d/%s" % (host.process.pid, files)):
-        with open(name) as text:
-            found += map(int, re.findall(pattern, text.read()))
-    return found
+def proc_values(host, files, pattern, base=10):  # the numbers `pattern` finds in the host's /proc files.
+    names = glob.glob("/proc/%d/%s" % (host.process.pid, files))
+    return [int(number, base) for name in names for number in re.findall(pattern, open(name).read())]
 
 
-class ConcurrentClients(unittest.TestCase):
-    """Many HTTP and WebSocket clients at once, mixed commands and image
-    records: every answer comes back to its own request."""
+class ConcurrentClients(unittest.TestCase):  # many clients at once: each answer reaches its request
 
     def test_each_answer_reaches_its_request(self):
-        host = Host(["--threads", "4"])
-        self.addCleanup(host.stop)
-        failures = []
+        host = started(self, ["--threads", "4"])
         kinds = [('"VersionInfo"', b'"14, 3, 3, 1212"'), ('"QSVersion"', b'"Quintaris Service"'),
                  ('"Nope"', b'"exception" : -2200'), ('"GetPorts","parameter":["0"]', b'"exception" : -2408')]
 
@@ -727,37 +618,21 @@ class ConcurrentClients(unittest.TestCase):
                 else:
                     c.send(command)
                     answer, stored = c.recv().encode(), tag.encode()
-                if stored != tag.encode() or not all(part in answer for part in (
-                        b'"id" : "%s"' % tag.encode(), expected, b'"cmdId" : "%s"' % tag.encode())):
-                    failures.append((tag, answer[:200], stored))
+                self.assertEqual((tag.encode(), True, True, True), (stored, b'"id" : "%s"' % tag.encode() in answer,
+                                 expected in answer, b'"cmdId" : "%s"' % tag.encode() in answer), answer[:200])
             c.close()
 
-        threads = [threading.Thread(target=client, args=(kind + str(i),)) for kind in "hw" for i in range(4)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
-        self.assertEqual([], failures)
+        with concurrent.futures.ThreadPoolExecutor(8) as pool:
+            list(pool.map(client, [kind + str(i) for kind in "hw" for i in range(4)]))  # a client's failure is raised
 
 
-class Settings(unittest.TestCase):
-    """qs-host config: the file of the work folder listed, read and written,
-    the refusals, and a change that a restart brings into force."""
-
-    def config(self, folder, *words):
-        run = subprocess.run([os.path.join(folder, "qs-host"), "config", *ROOT, *words], capture_output=True,
-                             text=True, env=dict(os.environ, **TSAN), timeout=60)
-        return run.returncode, run.stdout, run.stderr
+class Settings(unittest.TestCase):  # qs-host config: list, get, set, refusals; a restart applies a change
 
     def test_list_get_set_and_refusals(self):
-        folder = tempfile.mkdtemp(prefix="qs_config_")
-        atexit.register(shutil.rmtree, folder, True)
-        for name, source in (("qs-host", QS_HOST), ("libFVASManager.so", MODULE)):
-            shutil.copy(source, os.path.join(folder, name))
+        folder = work_folder("qs_config_")
         ini = os.path.join(folder, "QSConfiguration.ini")
-        with open(ini, "w") as out:
-            out.write("[QS]\nEnableCORSAll=1\nServer=\nPort=1\nPort_mn_0=kxp\nPort_mp_0=18625\n")
-        status, listing, _ = self.config(folder)
+        open(ini, "w").write("[QS]\nEnableCORSAll=1\nServer=\nPort=1\nPort_mn_0=kxp\nPort_mp_0=18625\n")
+        status, listing, _ = run(folder, "config")
         for text in ("Settings file: %s\n" % ini, "ports of this user (%s/user_config.ini): none" % folder,
                      "port lists: Port: kxp 18625; SSLPort: none"):
             self.assertIn(text, listing)
@@ -790,65 +665,53 @@ class Settings(unittest.TestCase):
             (["frobnicate"], 2, 'config has no action "frobnicate"', None),
         ]
         for words, expected, text, written in rows:
-            with self.subTest(words=words):
-                before = open(ini).read()
-                status, out, err = self.config(folder, *words)
-                self.assertEqual((expected, True), (status, text in (err if status else out)), out + err)
-                after = open(ini).read()
-                self.assertIn(written, after) if written else self.assertEqual(before, after)
+            before = open(ini).read()
+            status, out, err = run(folder, "config", *words)
+            self.assertEqual((expected, True), (status, text in (err if status else out)), (words, out + err))
+            self.assertIn(written, open(ini).read()) if written else self.assertEqual(before, open(ini).read(), words)
         # A file that cannot be written: refused, left as it was.
         locked = subprocess.run(["chattr", "+i", ini], capture_output=True).returncode == 0
         atexit.register(subprocess.run, ["chattr", "-i", ini], capture_output=True)
         if not locked:
             os.chmod(ini, 0o444)
-        before = open(ini).read()
-        status, _, err = self.config(folder, "set", "EnableCORSAll", "true")
+        status, _, err = run(folder, "config", "set", "EnableCORSAll", "true")  # `before`: as the last row left it
         subprocess.run(["chattr", "-i", ini], capture_output=True)
         self.assertEqual((2, before), (status, open(ini).read()), err)
         self.assertIn("qs-host: cannot write %s: Operation not permitted; nothing written\n" % ini
                       if locked else "Permission denied", err)
         # A value the file holds that is not valid is shown as such and stops the server at start.
         os.chmod(ini, 0o644)
-        with open(ini, "a") as out:
-            out.write("head-timeout=abc\n")
-        self.assertIn('"abc" not valid: qs-host will not start', self.config(folder)[1])
-        run = subprocess.run([os.path.join(folder, "qs-host"), *ROOT, "--port", "0"], capture_output=True, text=True,
-                             env=dict(os.environ, **TSAN), timeout=60)
+        open(ini, "a").write("head-timeout=abc\n")
+        self.assertIn('"abc" not valid: qs-host will not start', run(folder, "config")[1])
+        code, _, err = run(folder, "--port", "0")
         self.assertEqual((2, 'qs-host: %s, [qs-host] head-timeout: "abc" is not a whole number from 1 to 3600' % ini),
-                         (run.returncode, run.stderr.split(" (qs-host config")[0]))
+                         (code, err.split(" (qs-host config")[0]))
 
     def test_cors_off_and_one_origin_after_a_restart(self):
-        host = Host(env={"INVOCATION_ID": "e2e"})
-        evil, app = {"Origin": "https://evil.test", "User-Agent": "e2e"}, {"Origin": "https://app.example",
-                                                                           "User-Agent": "e2e"}
-        try:
-            self.assertEqual(200, host.request("POST", "/kxp/", VERSION_INFO % ("1", "e"), evil)[0])
-            for words, effect in ((["set", "EnableCORSAll", "false"], "EnableCORSAll: TRUE -> FALSE"),
-                                  (["set", "allow-origin", "https://app.example"], "allow-origin: \"\" -> https"),
-                                  (["set", "idle-timeout", "9"], "idle-timeout: 60 -> 9")):
-                status, out, err = self.config(host.folder, *words)
-                self.assertEqual((0, True, True), (status, effect in out,
-                                                   "at the next start: systemctl --user restart qs-host\n" in out), err)
-        finally:
-            host.stop()
-        host = Host(["--idle-timeout", "7"], folder=host.folder)  # the command line wins over the file
-        try:
-            self.assertEqual(403, host.request("POST", "/kxp/", VERSION_INFO % ("1", "e"), evil)[0])
-            status, reply, body = host.request("POST", "/kxp/", VERSION_INFO % ("1", "a"), app)
-            self.assertEqual((200, "https://app.example", True),
-                             (status, reply.get("access-control-allow-origin"), b'"cmdId" : "a"' in body))
-            page = host.request("GET", "/")[2].decode()
-            for text in ("<th>Settings file</th><td>%s/QSConfiguration.ini</td>" % host.folder,
-                         "<th>EnableCORSAll</th><td>FALSE</td>", "<th>allow-origin</th><td>https://app.example</td>",
-                         "<th>idle-timeout</th><td>7</td>"):
-                self.assertIn(text, page)
-        finally:
-            host.stop()
+        host = started(self, env={"INVOCATION_ID": "e2e"})
+        evil, app = ({"Origin": origin, "User-Agent": "e2e"} for origin in ("https://evil.test", "https://app.example"))
+        self.assertEqual(200, host.command("e", evil)[0])
+        for words, effect in ((["set", "EnableCORSAll", "false"], "EnableCORSAll: TRUE -> FALSE"),
+                              (["set", "allow-origin", "https://app.example"], "allow-origin: \"\" -> https"),
+                              (["set", "idle-timeout", "9"], "idle-timeout: 60 -> 9")):
+            status, out, err = run(host.folder, "config", *words)
+            self.assertEqual((0, True, True), (status, effect in out,
+                                               "at the next start: systemctl --user restart qs-host\n" in out), err)
+        host.stop()
+        host = started(self, ["--idle-timeout", "7"], folder=host.folder)  # the command line wins over the file
+        self.assertEqual(403, host.command("e", evil)[0])
+        status, reply, body = host.command("a", app)
+        self.assertEqual((200, "https://app.example", True),
+                         (status, reply.get("access-control-allow-origin"), b'"cmdId" : "a"' in body))
+        page = host.request("GET", "/")[2].decode()
+        for text in ("<th>Settings file</th><td>%s/QSConfiguration.ini</td>" % host.folder,
+                     "<th>EnableCORSAll</th><td>FALSE</td>", "<th>allow-origin</th><td>https://app.example</td>",
+                     "<th>idle-timeout</th><td>7</td>"):
+            self.assertIn(text, page)
 
 
 if __name__ == "__main__":
     QS_HOST, MODULE, STANDIN, PARTIAL = sys.argv[1:5]
-    with open(QS_HOST, "rb") as binary:  # memory and wake-up figures of a sanitizer's runtime are its own
-        SANITIZED = (lambda data: next((kind for kind in (b"asan", b"tsan") if b"__%s_init" % kind in data), None))(
-            binary.read())
+    binary = open(QS_HOST, "rb").read()  # memory and wake-up figures of a sanitizer's runtime are its own
+    SANITIZED = next((kind for kind in (b"asan", b"tsan") if b"__%s_init" % kind in binary), None)
     unittest.main(argv=[sys.argv[0], "-v", *sys.argv[5:]])
