@@ -79,7 +79,11 @@ class WsSession : public AnswerSink, public Connection, public std::enable_share
 
   void OnAccept(beast::error_code ec) {
     if (ec) return;
+    accepted_ = true;
     connection_ = Sinks().Add(this->shared_from_this());
+    // A stop or an eviction may have come while the handshake's last bytes
+    // were on their way: its close frame goes out now.
+    if (closing_) return StartClose();
     if (host_.stopping) return Close(websocket::close_reason(websocket::close_code::going_away, "the service stops"));
     Read();
   }
@@ -169,6 +173,7 @@ class WsSession : public AnswerSink, public Connection, public std::enable_share
     if (closing_) return;
     closing_ = true;
     closeReason_ = reason;
+    if (!accepted_) return;  // OnAccept sends it
     if (writing_) {
       pendingClose_ = true;  // after the frame being written
       outbox_.resize(1);
@@ -195,6 +200,7 @@ class WsSession : public AnswerSink, public Connection, public std::enable_share
   std::string domain_;
   int socket_ = -1;
   std::deque<Frame> outbox_;
+  bool accepted_ = false;  // the handshake is done; a close frame may be sent
   bool writing_ = false;
   bool closing_ = false;
   bool pendingClose_ = false;
