@@ -66,7 +66,7 @@ TEST(HttpParamRequest, DescriptionsAndTheEventForm) {
                                    "[ \"key\", 6, \"ok\", \"Quintaris Service Manager Module\" ]"));
   request = MakeRequest(kPortsCommand);
   request->GetResultStruct<bool>(true, nullptr, 0, -3, "bad");
-  request->AddResultParam<std::string>("two", true, -9, "why");
+  EXPECT_TRUE(request->AddResultParam<std::string>("two", true, -9, "why"));
   EXPECT_EQ("{\n   \"description\" : \"why\",\n   \"event\" : \"GetPorts\",\n   \"exception\" : -9,\n"
             "   \"id\" : \"c1\",\n   \"result\" : [ \"key\", true, \"two\" ]\n}\n",
             request->GetHttpParamResponse()->GetJsonResult());

@@ -51,4 +51,9 @@ inline bool IsFolder(const std::string& path) {
   return std::filesystem::is_directory(path, ignored);
 }
 
+// How many descriptors this process holds open.
+inline long OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
 }  // namespace qs_test

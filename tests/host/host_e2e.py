@@ -632,8 +632,9 @@ class Settings(unittest.TestCase):  # qs-host config: list, get, set, refusals; 
         folder = work_folder("qs_config_")
         ini = os.path.join(folder, "QSConfiguration.ini")
         open(ini, "w").write("[QS]\nEnableCORSAll=1\nServer=\nPort=1\nPort_mn_0=kxp\nPort_mp_0=18625\n")
+        open(os.path.join(folder, "user_config.ini"), "w").write("[]\nkxp=18700\nfvt=0\nfvt_ssl=0\nkxs_ssl=18701\n")
         status, listing, _ = run(folder, "config")
-        for text in ("Settings file: %s\n" % ini, "ports of this user (%s/user_config.ini): none" % folder,
+        for text in ("Settings file: %s\n" % ini, "(%s/user_config.ini): kxp 18700 (TLS 0), kxs 0 (TLS 18701)\n" % folder,
                      "port lists: Port: kxp 18625; SSLPort: none"):
             self.assertIn(text, listing)
         rows = {line.split()[0]: line.split() for line in listing.splitlines() if line.startswith("  ")}

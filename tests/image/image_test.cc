@@ -82,6 +82,13 @@ TEST(CreateNormalDIB, NormalisesOrRefuses) {
   static char untracked[64];
   EXPECT_EQ(nullptr, CImage().CreateNormalDIB(untracked)) << "GlobalSize 0";
   gmapMemSize.erase(untracked);
+  // The clipboard keeps a copy of what it was given and hands it out normalised.
+  void* dib = MakeDib(1, 1, 24, nullptr, {1, 2, 3, 0});
+  SetClipBoard(dib);
+  GlobalFree(dib);
+  EXPECT_EQ("h=1 size=4: 1 2 3 0", Normalised(GetClipBoard()));
+  SetClipBoard(nullptr);
+  EXPECT_EQ(nullptr, GetClipBoard());
 }
 
 }  // namespace

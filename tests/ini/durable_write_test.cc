@@ -2,6 +2,7 @@
 // odd files at the path: a file goes from its old text to its new text in one
 // step or not at all, and no writer loses another's keys.
 #include <gtest/gtest.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -24,6 +25,14 @@
 #include "ini/profile.h"
 #include "ini/profile_cache.h"
 #include "tests/common/temp_dir.h"
+
+// Flushes to the disk, counted in front of the C library's fsync.
+static std::atomic<int> g_flushes{0};
+extern "C" int fsync(int fd) {
+  static const auto next = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+  ++g_flushes;
+  return next(fd);
+}
 
 namespace {
 
@@ -219,7 +228,9 @@ TEST(DurableWrites, ModeOwnerAndLinksKept) {
   const struct { const char* written; const char* changed; mode_t mode; uid_t owner; } rows[] = {
       {"c.ini", "c.ini", 0640, 4321}, {"l.ini", "t.ini", 0604, 0}, {"n.ini", "n.ini", 0640, 0}};
   for (const auto& row : rows) {
+    const int flushes = g_flushes;
     EXPECT_EQ(0, WritePrivateProfileStringChecked("S", "k", "new", (dir / row.written).c_str())) << row.written;
+    EXPECT_EQ(2, g_flushes - flushes) << "the file, then its folder, reach the disk: " << row.written;
     EXPECT_EQ("[S]\nk=new\n", ReadWholeFile(dir / row.written)) << row.written;
     struct stat st;
     ASSERT_EQ(0, lstat((dir / row.changed).c_str(), &st));

@@ -2,6 +2,7 @@
 // critical sections, threads, time, process helpers, tracked global
 // memory, files and folders, and the reader-writer locks.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -189,6 +190,7 @@ TEST(Folder, RemoveDirStopsAfterTheFirstSubDirectory) {
   TempDir dir;
   const std::string root = dir / "root";
   for (const char* sub : {"", "/d1", "/d2"}) mkdir((root + sub).c_str(), 0777);
+  const long descriptors = qs_test::OpenDescriptors();
   WriteFile(root + "/d1/x", "1");
   WriteFile(root + "/d2/y", "2");
   EXPECT_TRUE(RemoveDir(root.c_str()));
@@ -197,6 +199,14 @@ TEST(Folder, RemoveDirStopsAfterTheFirstSubDirectory) {
   EXPECT_TRUE(RemoveDir(root.c_str())) << "the third call removes the emptied folder";
   EXPECT_FALSE(PathExists(root));
   EXPECT_FALSE(RemoveDir(root.c_str()));
+  EXPECT_EQ(descriptors, qs_test::OpenDescriptors()) << "every folder read is closed";
+  // The siblings of a path older than two days go, newer ones stay.
+  for (const char* sub : {"u", "u/old", "u/new"}) mkdir((dir / sub).c_str(), 0777);
+  const timespec threeDaysAgo[2] = {{time(nullptr) - 3 * 86400, 0}, {time(nullptr) - 3 * 86400, 0}};
+  utimensat(AT_FDCWD, (dir / "u/old").c_str(), threeDaysAgo, 0);
+  EXPECT_EQ(1, RemoveUndeletedDir((dir / "u/new/").c_str()));
+  EXPECT_EQ("old gone, new kept", std::string(PathExists(dir / "u/old") ? "old kept" : "old gone") +
+                                      (PathExists(dir / "u/new") ? ", new kept" : ", new gone"));
 }
 
 // ---- Reader-writer locks ---------------------------------------------------------------

@@ -60,12 +60,25 @@ TEST(CUtilText, ScannersAndEditors) {
   EXPECT_FALSE(CUtil::SplitString(nullptr, ',', &fields, &count));
 }
 
-TEST(CUtilIds, UuidText) {
+TEST(CUtilIds, UuidVersionAndHexText) {
   char uuid[1024];  // the buffer is zeroed whole: 1024 bytes
   memset(uuid, 'z', sizeof(uuid));
   EXPECT_EQ(32, CUtil::CreateUUID(uuid));
   EXPECT_EQ(32u, strspn(uuid, "0123456789abcdef"));
   EXPECT_EQ(32u, strlen(uuid));
+  // The input's length decides the reading: M m p, MM m p, MM mm p, MM mm pp.
+  for (const char* pair : {"123456=", "1234567=0102034567", "12345678=1203045678", "123456789=1234056789",
+                           "1234567890=1234567890", "123456789012=1234569012"}) {
+    char out[11] = "zzzzzzzzzz";
+    const std::string input(pair, strchr(pair, '=')), expected = strchr(pair, '=') + 1;
+    EXPECT_EQ(!expected.empty(), CUtil::NormalizeVersion(input.c_str(), out));
+    EXPECT_EQ(expected, out);
+  }
+  std::string values, hex;
+  for (char c : std::string("0123456789:ABCDEFaG")) values += "0123456789abcdef"[CUtil::ConvertHexToBinary(c)];
+  EXPECT_EQ("01234567890abcdef00", values) << "lower case decodes as 0 (kept)";
+  for (int v = 0; v <= 16; ++v) hex += CUtil::ConvertBinaryToHex(static_cast<unsigned char>(v));
+  EXPECT_EQ("0123456789ABCDEF0", hex);
 }
 
 // (Code points beyond the basic plane reach IdnToAscii's vectors.) Each byte
@@ -93,7 +106,9 @@ TEST(CUtilFiles, FoldersCopiesAndCodes) {
   EXPECT_TRUE(CUtil::CopyDirectoryFiles((dir / "a/").c_str(), (dir / "to").c_str(), 1));
   EXPECT_TRUE(qs_test::IsFolder(dir / "to/b"));
   EXPECT_FALSE(PathExists(dir / "to/b/deep.txt"));
+  const long descriptors = qs_test::OpenDescriptors();
   EXPECT_TRUE(CUtil::DeleteDirectory((dir / "a").c_str(), 1));
+  EXPECT_EQ(descriptors, qs_test::OpenDescriptors()) << "every folder read is closed";
   EXPECT_FALSE(PathExists(dir / "a"));
   EXPECT_FALSE(CUtil::DeleteDirectory((dir / "a").c_str(), 1));
   const unsigned char hello[] = {'h', 'e', 'l', 'l', 'o'};
