@@ -232,9 +232,11 @@ class Lifecycle(unittest.TestCase):  # tLS, the stop, one command without a serv
 
     def test_call(self):
         folder, q = work_folder("qs_call_"), '{"id":"1","cmdId":"x","method":"QSVersion"}'
+        open(os.path.join(folder, "QSConfiguration.ini"), "w").write("[QS]\nQSVersion=7,7,7,0707\n")
         for args, status, text in (  # arguments -> exit status, text the output holds
-                (["call", q], 0, '"Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
+                (["call", q], 0, '[ "7,7,7,0707", "Quintaris Service" ],\n\t"cmdId" : "x"\n}\n'),
                 (["call"], 2, "qs-host: call needs one JSON command\n"),
+                (["--port", "70000", "--ports", "65536,1"], 2, "qs-host: --ports needs two ports: A,B\n"),
                 # Options in any order; one that does not apply is refused.
                 (["--url", "/kxp/", "--no-user-agent", "call", q], 0, '"exception" : -2205'),
                 (["call", "--port", "1", q], 2, "--port does not apply to call\n"),
@@ -649,9 +651,9 @@ class Settings(unittest.TestCase):  # qs-host config: list, get, set, refusals; 
             (["set", "EnableCORSAll", "False"], 0, "EnableCORSAll: FALSE -> FALSE (%s, [QS] EnableCORSAll=FALSE)\n"
              "Takes effect when qs-host starts next.\n" % ini, "EnableCORSAll=FALSE\n"),
             (["set", "LogLevel", "14"], 0, "LogLevel: 6 -> 14", "LogLevel=14\n"),
-            (["set", "allow-origin", "https://app.example, http://[::1]:8080/"], 0, "allow-origin: \"\" -> https://a",
-             "[qs-host]\nallow-origin=https://app.example http://[::1]:8080/\n"),
-            (["get", "allow-origin"], 0, "https://app.example http://[::1]:8080/\n", None),
+            (["set", "allow-origin", "https://app.example, http://[::1]:8080/, http://[::1]"], 0,
+             "allow-origin: \"\" -> https://a", "[qs-host]\nallow-origin=https://app.example http://[::1]:8080/ http://[::1]\n"),
+            (["get", "allow-origin"], 0, "https://app.example http://[::1]:8080/ http://[::1]\n", None),
             (["set", "max-connections", "64"], 0, "--max-connections on qs-host's command line wins", "max-connections=64"),
             (["set", "LogLevel", "14"], 0, "LogLevel is 14 in %s already; nothing written\n" % ini, None),
             (["get", "Nope"], 2, 'qs-host: no setting "Nope"; qs-host config lists them\n', None),

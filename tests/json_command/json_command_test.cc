@@ -48,6 +48,8 @@ TEST(JsonCommand, QueriesTypesAndIdentity) {
   EXPECT_EQ(std::string("v\0w", 3), texts.GetValue(std::string("a\0b", 3)));
   EXPECT_FALSE(JsonCommand("{\"a\\u0000b\":1}").IfKeyExist("a")) << "a key with a 0 byte matches only in full";
   EXPECT_EQ("2", JsonCommand("{\"id\":\"1\",\"id\":\"2\"} trailing {").GetClientID());
+  EXPECT_EQ((std::map<std::string, std::string>{{"", "e"}, {"a", "1"}, {"c", "x=y"}}),
+            JsonCommand::GetURLParamters("a=1&=e&b&a=3&c=x=y")) << "the first of a key, cut at its first '='";
 }
 
 // A text the reader refuses, or throws on, is an invalid command: every query

@@ -60,7 +60,7 @@ TEST(CUtilText, ScannersAndEditors) {
   EXPECT_FALSE(CUtil::SplitString(nullptr, ',', &fields, &count));
 }
 
-TEST(CUtilIds, UuidVersionAndHexText) {
+TEST(CUtilIds, UuidVersionHexAndImageTypes) {
   char uuid[1024];  // the buffer is zeroed whole: 1024 bytes
   memset(uuid, 'z', sizeof(uuid));
   EXPECT_EQ(32, CUtil::CreateUUID(uuid));
@@ -79,6 +79,12 @@ TEST(CUtilIds, UuidVersionAndHexText) {
   EXPECT_EQ("01234567890abcdef00", values) << "lower case decodes as 0 (kept)";
   for (int v = 0; v <= 16; ++v) hex += CUtil::ConvertBinaryToHex(static_cast<unsigned char>(v));
   EXPECT_EQ("0123456789ABCDEF0", hex);
+  const std::pair<std::string, int> sniffed[] = {
+      {"\xFF\xD8..", 1}, {"\x89PNG", 3}, {"BM..", 0}, {std::string("MM\0*", 4), 2}, {std::string("II*\0", 4), 2},
+      {"%PdF", 4}, {"GIF89a", 6}, {"GIF87a", 6}, {"GIF88a", -1}, {"GIF8", -1}, {"\xFF\xD8.", -1}};
+  for (const auto& [bytes, type] : sniffed) {
+    EXPECT_EQ(type, CUtil::GetSupportedImageType(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()));
+  }
 }
 
 // (Code points beyond the basic plane reach IdnToAscii's vectors.) Each byte
