@@ -159,11 +159,19 @@ TEST(DurableWrites, ConcurrentWritersLoseNoKeys) {
     std::atomic<bool> written{false};
     int missed = 0;
     std::thread watcher([&] { missed = MissedReads(file, [&] { return written.load(); }); });
+    struct sigaction interrupt {};  // without SA_RESTART, as a host's signal handlers may be: waits are cut short
+    interrupt.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &interrupt, nullptr);
     std::vector<std::thread> threads;
+    std::atomic<int> finished{0};
     for (int t = 0; t < 2; ++t) threads.emplace_back([&, t] {
       const std::string prefix = "w" + std::to_string(p * 2 + t) + "_";
       for (int i = 0; i < kEach; ++i) WritePrivateProfileStringA("S", Key(prefix.c_str(), i).c_str(), "x", file.c_str());
+      ++finished;
     });
+    for (; finished < 2; usleep(50)) {
+      for (auto& thread : threads) pthread_kill(thread.native_handle(), SIGUSR1);
+    }
     for (auto& thread : threads) thread.join();
     written = true;
     watcher.join();
