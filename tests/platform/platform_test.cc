@@ -99,6 +99,13 @@ TEST(Event, BudgetWrapsIn32BitsAndInfiniteWaitsWake) {
 
 // Unnamed events get a name from the process id, a process-wide counter and
 // the global seed.
+size_t SemaphoresMapped() {
+  const std::string maps = qs_test::ReadWholeFile("/proc/self/maps");
+  size_t count = 0;
+  for (size_t at = maps.find("/dev/shm/sem."); at != std::string::npos; at = maps.find("/dev/shm/sem.", at + 1)) ++count;
+  return count;
+}
+
 TEST(Event, GeneratedNames) {
   SetGlobalSeed(77);
   Event first = MakeEvent(0, 0), second = MakeEvent(0, 0);
@@ -109,8 +116,10 @@ TEST(Event, GeneratedNames) {
   EXPECT_EQ(prefix + std::to_string(counter) + "_77", n1);
   EXPECT_EQ(prefix + std::to_string(counter + 1) + "_77", n2) << "a process-wide counter";
   EXPECT_TRUE(SemaphoreExists(n1));
+  const size_t mapped = SemaphoresMapped();
   first.reset();
   EXPECT_FALSE(SemaphoreExists(n1)) << "closing unlinks the name";
+  EXPECT_EQ(mapped - 1, SemaphoresMapped()) << "and unmaps the semaphore";
 }
 
 // ---- Time ------------------------------------------
