@@ -148,7 +148,9 @@ class Recording : public CMemBuffer {
 
 TEST(MemBuffer, ExportedLayoutAndVirtualSlots) {
   EXPECT_EQ(48u, sizeof(CMemBuffer));
-  EXPECT_EQ(0u, CMemBuffer(0).Write("x", 1)) << "without a growth step nothing fits";
+  CMemBuffer fixed(0);
+  EXPECT_EQ("0 0 0", std::to_string(fixed.Write("x", 1)) + " " + std::to_string(fixed.SetLength(1)) + " " +
+                         std::to_string(fixed.GetLength())) << "without a growth step nothing fits";
   Recording file(16);
   EXPECT_EQ((std::vector<ptrdiff_t>{8, 12, 16, 20, 24, 32, 40}), file.Offsets());
   EXPECT_TRUE(file.WriteString("abc"));
