@@ -624,8 +624,15 @@ class ConcurrentClients(unittest.TestCase):  # many clients at once: each answer
                                  expected in answer, b'"cmdId" : "%s"' % tag.encode() in answer), answer[:200])
             c.close()
 
+        open_now = lambda: len(os.listdir("/proc/%d/fd" % host.process.pid))
+        before = open_now()
         with concurrent.futures.ThreadPoolExecutor(8) as pool:
             list(pool.map(client, [kind + str(i) for kind in "hw" for i in range(4)]))  # a client's failure is raised
+        for _ in range(100):  # once every client has gone, no more descriptors are open than before they came
+            if open_now() <= before:
+                break
+            time.sleep(0.05)
+        self.assertEqual(before, open_now())
 
 
 class Settings(unittest.TestCase):  # qs-host config: list, get, set, refusals; a restart applies a change
