@@ -60,7 +60,7 @@ TEST(CUtilText, ScannersAndEditors) {
   EXPECT_FALSE(CUtil::SplitString(nullptr, ',', &fields, &count));
 }
 
-TEST(CUtilIds, UuidVersionHexAndImageTypes) {
+TEST(CUtilNumbers, UuidsVersionsHexDecimalsAndImageTypes) {
   char uuid[1024];  // the buffer is zeroed whole: 1024 bytes
   memset(uuid, 'z', sizeof(uuid));
   EXPECT_EQ(32, CUtil::CreateUUID(uuid));
@@ -79,9 +79,27 @@ TEST(CUtilIds, UuidVersionHexAndImageTypes) {
   EXPECT_EQ("01234567890abcdef00", values) << "lower case decodes as 0 (kept)";
   for (int v = 0; v <= 16; ++v) hex += CUtil::ConvertBinaryToHex(static_cast<unsigned char>(v));
   EXPECT_EQ("0123456789ABCDEF0", hex);
+  unsigned char bytes[2] = {9, 9};
+  char text[8];
+  EXPECT_EQ(1, CUtil::ConvertHexStrToBinaryArray("1A2", bytes)) << "an odd last digit is ignored";
+  EXPECT_EQ(0x1A, bytes[0]);
+  EXPECT_EQ(1, CUtil::ConvertHexStrToBinaryArray("ff", bytes));
+  EXPECT_EQ(0, bytes[0]) << "lower case decodes as 0";
+  EXPECT_EQ(5, CUtil::ConvertBinaryArrayToHexStr(reinterpret_cast<const unsigned char*>("\x1A\xF0"), 2, text));
+  EXPECT_STREQ("1AF0", text);
+  EXPECT_EQ(0, CUtil::ConvertBinaryArrayToHexStr(nullptr, 2, text));
+  // Leading minus signs that cancel end the number at once (kept).
+  for (const auto& [digits, value] : std::vector<std::pair<const char*, long>>{
+           {"--12x", 0}, {"x12", 0}, {"-7", -7}, {"12x", 12}, {"123", 123}, {"-12x3", -12}}) {
+    EXPECT_EQ(value, CUtil::atol(digits)) << digits;
+  }
+  EXPECT_EQ("0 0 -3002", std::to_string(CUtil::IsWow64()) + " " +
+                             std::to_string(CUtil::TransferSystemErrorCodeToFolivantErrorCode(0)) + " " +
+                             std::to_string(CUtil::TransferSystemErrorCodeToFolivantErrorCode(2)));
   const std::pair<std::string, int> sniffed[] = {
       {"\xFF\xD8..", 1}, {"\x89PNG", 3}, {"BM..", 0}, {std::string("MM\0*", 4), 2}, {std::string("II*\0", 4), 2},
-      {"%PdF", 4}, {"GIF89a", 6}, {"GIF87a", 6}, {"GIF88a", -1}, {"GIF8", -1}, {"\xFF\xD8.", -1}};
+      {"%PdF", 4}, {"GIF89a", 6}, {"GIF87a", 6}, {"GIF88a", -1}, {"GIF8", -1}, {"\xFF\xD8.", -1}, {"\x89PNx", -1},
+      {"\x89xNG", -1}, {std::string("IIx\0", 4), -1}, {"II*x", -1}, {"%Pdx", -1}, {"%xDF", -1}, {"GIx89a", -1}};
   for (const auto& [bytes, type] : sniffed) {
     EXPECT_EQ(type, CUtil::GetSupportedImageType(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()));
   }
