@@ -20,8 +20,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using qs_test::ReadWholeFile;
-using qs_test::WriteFile;
+using qs_test::ReadWholeFile, qs_test::WriteFile;
 
 std::string g_sent;
 signed char Capture(SendBackCallback, int, void*, char const* text, void const*, unsigned int, char const*) {
@@ -51,11 +50,8 @@ std::string Run(const std::string& cmd, const std::string& body = "") {
   HttpParamRequest request(1, nullptr, cmd, 1, 3, "", Capture, Host, nullptr, nullptr, nullptr, copy,
                            static_cast<long>(body.size()), true);
   ManagerClient client;
-  if (cmd.find("CheckUpdateFile") != std::string::npos) {
-    client.CheckUpdateFile(&request);
-  } else {
-    client.LoadZipFromBytes(&request);
-  }
+  const bool check = cmd.find("CheckUpdateFile") != std::string::npos;
+  check ? client.CheckUpdateFile(&request) : client.LoadZipFromBytes(&request);
   request.SendBackResult();
   return g_sent;
 }

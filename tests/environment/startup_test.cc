@@ -16,10 +16,7 @@
 
 namespace {
 
-using qs_test::IsFolder;
-using qs_test::PathExists;
-using qs_test::ReadWholeFile;
-using qs_test::WriteFile;
+using qs_test::IsFolder, qs_test::PathExists, qs_test::ReadWholeFile, qs_test::WriteFile;
 
 std::string Folder() { return std::string(getenv("QS_TEST_OWN_FOLDER")) + "/"; }
 
@@ -62,11 +59,10 @@ TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {
   umask(022);
   SetProgramMode(WorkModeUserProcess);
   InitProgramInfo(false);
-  EXPECT_EQ("0 1 0 1 1", std::to_string(GetEnableCORSAll()) + " " + std::to_string(GetEnableScannerAccessAuth()) +
-                             " " + std::to_string(GetEnableFileAccessAuth()) + " " +
-                             std::to_string(GetEnableWebcamAccessAuth()) + " " +
-                             std::to_string(GetEnableMultipleUserEnhancedMode()))
-      << "only a case-blind TRUE counts";
+  std::string flags;
+  for (const bool flag : {GetEnableCORSAll(), GetEnableScannerAccessAuth(), GetEnableFileAccessAuth(),
+                          GetEnableWebcamAccessAuth(), GetEnableMultipleUserEnhancedMode()}) flags += flag ? '1' : '0';
+  EXPECT_EQ("01011", flags) << "only a case-blind TRUE counts";
   EXPECT_EQ("https|My Service", GetListenType() + "|" + GetServiceName());
   EXPECT_FALSE(PathExists(GetDumpPath())) << "no dump folder without the flag";
   EXPECT_EQ(0755u, ModeOf(GetLogPath()));
