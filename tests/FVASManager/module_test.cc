@@ -216,7 +216,7 @@ TEST_F(ModuleTest, StartUpInTheExecutablesFolder) {
   const std::string configurations[] = {"[QS]\nLogLevel=14\nEnableEnhancedMode=TRUE\nQSVersion=13,0,0,0404\n",
                                         "[QS]\nEnableEnhancedMode=TRUE\n"};
   if (qs_test::InOwnFolder()) {
-    const std::string text = qs_test::ReadWholeFile(getenv("QS_TEST_OWN_FOLDER") + std::string("/QSConfiguration.ini"));
+    const std::string text = qs_test::ReadWholeFile(qs_test::OwnFolder() + "QSConfiguration.ini");
     const bool user = text == configurations[0], enhanced = text == configurations[1];
     EXPECT_EQ(1, host_.DoAction(user ? 4 : 0, "/host/exe", "/host/module.so", 99));
     host_.Send("/kxp/", R"({"id":"1","method":"VersionInfo"})");
