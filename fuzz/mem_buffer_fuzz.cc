@@ -107,12 +107,9 @@ void ReadRecord(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
     memcpy(&length, prefix, 4);
     model.position += 4;
     wanted = maxLength == -1 || static_cast<uint32_t>(maxLength) > length ? length : maxLength;
-    if (maxLength == -1 && length == 0) {
-      expected = true;
-    } else {
-      expected = !(allocate && (maxLength != -1 || offset != 0)) && wanted <= model.Remaining();
-      if (!expected) wanted = 0;
-    }
+    expected = (maxLength == -1 && length == 0) ||
+               (!(allocate && (maxLength != -1 || offset != 0)) && wanted <= model.Remaining());
+    if (!expected) wanted = 0;
   }
   if (allocate) {
     char* block = nullptr;

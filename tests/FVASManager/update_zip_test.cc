@@ -29,16 +29,15 @@ signed char Capture(SendBackCallback, int, void*, char const* text, void const*,
 }
 signed char Host(int, void*, char const*, void const*, unsigned int, char const*) { return 1; }
 
-std::string MakeArchives(const std::string& folder) {
-  EXPECT_EQ(0, system(("python3 " QS_SOURCE_DIR "/tests/FVASManager/data/make_archives.py " + folder).c_str()));
-  return folder + "/";
-}
-
-// Starts up in the test's own folder as the service process.
-void StartService(const std::string& configuration) {
+// Starts up in the test's own folder as the service process; returns the
+// folder the test archives are written to.
+std::string StartService(const std::string& configuration) {
   WriteFile(OwnFolder() + "QSConfiguration.ini", configuration);
   SetIfServiceProcess(true);
   InitProgramInfo(false);
+  const std::string archives = OwnFolder() + "archives";
+  EXPECT_EQ(0, system(("python3 " QS_SOURCE_DIR "/tests/FVASManager/data/make_archives.py " + archives).c_str()));
+  return archives + "/";
 }
 
 // Runs one update command on a ManagerClient and returns the answer as sent.
@@ -61,8 +60,7 @@ bool CacheIsEmpty() { return !fs::exists(GetCachePath()) || fs::is_empty(GetCach
 // The version check compares the 32-bit cut of the candidate's leading digits
 // with the installed version.
 TEST_IN_OWN_FOLDER(UpdatePipeline, VersionCheckUpdateFlagAndUploads) {
-  StartService("[QS]\nQSVersion=13,0,0,0404\n");
-  const std::string archives = MakeArchives(OwnFolder() + "archives");
+  const std::string archives = StartService("[QS]\nQSVersion=13,0,0,0404\n");
   ManagerClient client;
   const struct { const char* candidate; bool installed; } rows[] = {
       {"13000404", true}, {"13000405", false}, {"13,0,0,0404", true}, {"abc", true},
@@ -96,8 +94,7 @@ TEST_IN_OWN_FOLDER(UpdatePipeline, VersionCheckUpdateFlagAndUploads) {
 // started with the work folder and an empty environment; without an updater
 // the update flag is reset; a broken package is deleted with its folder.
 TEST_IN_OWN_FOLDER(UpdatePipeline, CheckUpdateFile) {
-  StartService("[QS]\nIfUpdate=0\nQSVersion=1\n");
-  const std::string archives = MakeArchives(OwnFolder() + "archives");
+  const std::string archives = StartService("[QS]\nIfUpdate=0\nQSVersion=1\n");
   WriteFile(OwnFolder() + "Service_9.zip", ReadWholeFile(archives + "Service_9.zip"));
   EXPECT_HAS(Run(R"({"id":"9","method":"CheckUpdateFile","parameter":["9"]})"), "\"result\" : [ \"9\", true ]");
   EXPECT_FALSE(fs::exists(OwnFolder() + "Service_9.zip"));

@@ -159,19 +159,13 @@ TEST(PortRegistry, UserPorts) {
 
 // ---- User sessions and desktop commands -----------------------------------------------
 
-std::string Block(const std::vector<std::string>& variables) {
-  std::string block;
-  for (const std::string& v : variables) block += v + std::string(1, '\0');
-  return block;
-}
-
 // Outside text reaches desktop helpers as data, never through a shell.
 TEST(UserSession, DisplayOfAProcess) {
   ServiceFolder folder;
   // A value with shell characters is written verbatim and runs nothing.
   const std::string value = "$(touch " + folder.dir() / "X" + ");`touch " + folder.dir() / "Y" + "`";
   mkdir((folder.dir() / "9").c_str(), 0755);
-  WriteFile(folder.dir() / "9/environ", Block({"HOME=/", "DISPLAY=" + value}));
+  WriteFile(folder.dir() / "9/environ", std::string("HOME=/\0DISPLAY=", 15) + value + '\0');
   WriteFile(folder.dir() / "9/status", "Name:\tb\nUid:\t1000\t1001\t1002\t1003\n");
   EXPECT_EQ(value, user_session_internal::WriteDisplayOfProcess(9, folder.dir().path(), folder.dir() / "D.log"));
   EXPECT_EQ(value + "\n", ReadWholeFile(folder.dir() / "D.log"));
