@@ -78,23 +78,14 @@ void CheckState(const FuzzBuffer& file, const Model& model) {
 
 // Gives the storage up by Detach, DetachEx or Close.
 void Release(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
-  switch (in.ConsumeIntegralInRange(0, 2)) {
-    case 0: {
-      unsigned char* bytes = file.Detach();
-      Check((bytes != nullptr) == model.hasBuffer);
-      model.Compare(0, bytes, model.length);
-      GlobalFree(bytes);
-      break;
-    }
-    case 1: {
-      void* copy = file.DetachEx();
-      Check(copy != nullptr && GlobalSize(copy) == model.length);
-      model.Compare(0, copy, model.length);
-      GlobalFree(copy);
-      break;
-    }
-    default:
-      file.Close();
+  const int how = in.ConsumeIntegralInRange(0, 2);
+  if (how == 2) {
+    file.Close();
+  } else {  // Detach gives the buffer itself (null without one), DetachEx a copy of the length
+    void* bytes = how == 0 ? static_cast<void*>(file.Detach()) : file.DetachEx();
+    Check(how == 0 ? (bytes != nullptr) == model.hasBuffer : bytes != nullptr && GlobalSize(bytes) == model.length);
+    model.Compare(0, bytes, model.length);
+    GlobalFree(bytes);
   }
   model = Model{{}, model.growBy, 0, 0, false, model.fail};
 }
@@ -116,12 +107,9 @@ void ReadRecord(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
     memcpy(&length, prefix, 4);
     model.position += 4;
     wanted = maxLength == -1 || static_cast<uint32_t>(maxLength) > length ? length : maxLength;
-    if (maxLength == -1 && length == 0) {
-      expected = true;
-    } else {
-      expected = !(allocate && (maxLength != -1 || offset != 0)) && wanted <= model.Remaining();
-      if (!expected) wanted = 0;
-    }
+    expected = (maxLength == -1 && length == 0) ||
+               (!(allocate && (maxLength != -1 || offset != 0)) && wanted <= model.Remaining());
+    if (!expected) wanted = 0;
   }
   if (allocate) {
     char* block = nullptr;

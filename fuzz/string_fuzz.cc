@@ -63,12 +63,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   CUtil::FreeSplitStringRet(fields, count);
 
-  std::string editable = text;
-  CUtil::Trim(&editable[0]);
-  editable = text;
-  ::TrimRight(&editable[0], separator);
-  editable = text;
-  CUtil::RemoveChar(&editable[0], separator);
+  std::string trimmed = text, trimmedRight = text, removed = text;
+  CUtil::Trim(&trimmed[0]);
+  ::TrimRight(&trimmedRight[0], separator);
+  CUtil::RemoveChar(&removed[0], separator);
   CUtil::atol(text.c_str(), static_cast<int>(data[0]));
   char version[11];
   CUtil::NormalizeVersion(text.c_str(), version);

@@ -14,12 +14,7 @@
 
 namespace qs_test {
 
-struct Answer {
-  int connection;
-  void* handle;
-  std::string text, data, extra;
-  bool hasExtra;
-};
+struct Answer { int connection; void* handle; std::string text, data, extra; bool hasExtra; };
 
 // Records every call of the send-back callback, from any thread.
 class AnswerLog {

@@ -2,7 +2,6 @@
 // its exports. Every answer document of the command table is pinned here, byte
 // for byte (the host's tests check only routing, ids and status codes).
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +9,7 @@
 #include <ctime>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "tests/FVASManager/module_host.h"
@@ -32,8 +32,7 @@ extern "C" time_t time(time_t* out) {
 
 namespace {
 
-using qs_test::AnswerLog;
-using qs_test::ModuleHost;
+using qs_test::AnswerLog, qs_test::ModuleHost;
 
 // The styled result document with the command id inserted before its brace.
 std::string Document(const std::string& members, const std::string& cmdId) {
@@ -123,9 +122,8 @@ TEST_F(ModuleTest, AnswersOfEveryCommandAndUrlClass) {
     const std::vector<qs_test::Answer> answers = AnswerLog::Instance().Take();
     ASSERT_EQ(1u, answers.size()) << row.request;
     EXPECT_EQ(row.answer, answers[0].text) << row.url << " " << row.request;
-    EXPECT_EQ(1, answers[0].connection);
-    EXPECT_EQ(static_cast<void*>(&host_), answers[0].handle);
-    EXPECT_FALSE(answers[0].hasExtra);
+    EXPECT_EQ(std::make_tuple(1, static_cast<void*>(&host_), false),
+              std::make_tuple(answers[0].connection, answers[0].handle, answers[0].hasExtra));
   }
   EXPECT_EQ(0, host_.Send("/kxp/", R"({"id":"1","method":"QSVersion"})", 1, zip, 4, /*reject=*/1));
   EXPECT_TRUE(AnswerLog::Instance().Take().empty()) << "a rejected request answers nothing";
@@ -196,9 +194,9 @@ TEST_F(ModuleTest, ImageMapStore) {
   EXPECT_EQ(1, host_.GetImage(getUrl, nullptr, &length)) << "a size query";
   EXPECT_EQ(2052u, length);
   EXPECT_EQ(1, host_.GetImage(getUrl, record.data(), &length));
-  EXPECT_EQ(std::vector<unsigned char>({9, 9, 9, 0}), std::vector<unsigned char>(record.begin(), record.begin() + 4));
-  EXPECT_EQ(0, record[2051]);
-  EXPECT_EQ(0xEE, record[2052]) << "exactly 2052 bytes are written";
+  EXPECT_EQ(std::vector<unsigned char>({9, 9, 9, 0, 0, 0xEE}),
+            std::vector<unsigned char>({record[0], record[1], record[2], record[3], record[2051], record[2052]}))
+      << "exactly 2052 bytes are written";
   EXPECT_EQ(1, host_.GetImage("/GetEncryptedImageMap?GUID=A", record.data(), &length)) << "fetching does not remove";
   EXPECT_EQ(0, host_.GetImage("/GetEncryptedImageMap?GUID=A&x=1", record.data(), &length))
       << "everything after GUID= is the key";
@@ -218,7 +216,7 @@ TEST_F(ModuleTest, StartUpInTheExecutablesFolder) {
   const std::string configurations[] = {"[QS]\nLogLevel=14\nEnableEnhancedMode=TRUE\nQSVersion=13,0,0,0404\n",
                                         "[QS]\nEnableEnhancedMode=TRUE\n"};
   if (qs_test::InOwnFolder()) {
-    const std::string text = qs_test::ReadWholeFile(getenv("QS_TEST_OWN_FOLDER") + std::string("/QSConfiguration.ini"));
+    const std::string text = qs_test::ReadWholeFile(qs_test::OwnFolder() + "QSConfiguration.ini");
     const bool user = text == configurations[0], enhanced = text == configurations[1];
     EXPECT_EQ(1, host_.DoAction(user ? 4 : 0, "/host/exe", "/host/module.so", 99));
     host_.Send("/kxp/", R"({"id":"1","method":"VersionInfo"})");

@@ -23,12 +23,9 @@ struct Delivery {
 signed char HostCallback(int, void*, char const*, void const*, unsigned int, char const*) { return g_delivery.answer; }
 signed char TestWrapper(SendBackCallback callback, int connection, void* handle, char const* text, void const* data,
                         unsigned int dataLen, char const* extra) {
-  ++g_delivery.calls;
-  g_delivery.connection = connection;
-  g_delivery.text = text;
-  g_delivery.hasData = data != nullptr;
-  g_delivery.data = data != nullptr ? std::string(static_cast<const char*>(data), dataLen) : "";
-  g_delivery.hasExtra = extra != nullptr;
+  g_delivery = {g_delivery.calls + 1, connection, text,
+                data != nullptr ? std::string(static_cast<const char*>(data), dataLen) : "",
+                data != nullptr, extra != nullptr, g_delivery.answer};
   return callback(connection, handle, text, data, dataLen, extra);
 }
 
@@ -99,9 +96,8 @@ TEST(HttpParamRequest, SendBackInsertsTheCmdIdAndConsumesTheData) {
   request->GetResultStruct<bool>(false, reinterpret_cast<const unsigned char*>("ab"), 2, 0, "");
   g_delivery.answer = -2;
   EXPECT_EQ(-2, request->SendBackResult()) << "the host's answer";
-  EXPECT_EQ("ab", g_delivery.data);
-  EXPECT_EQ(5, g_delivery.connection);
-  EXPECT_FALSE(g_delivery.hasExtra);
+  EXPECT_EQ("ab 5 0", g_delivery.data + " " + std::to_string(g_delivery.connection) + " " +
+                         std::to_string(g_delivery.hasExtra));
   EXPECT_EQ(-2, request->SendBackResult());
   EXPECT_FALSE(g_delivery.hasData) << "the data went with the first send";
   // Without a callback, with connection 0 or without a wrapper nothing is sent.
@@ -117,10 +113,8 @@ TEST(HttpParamRequest, SendBackInsertsTheCmdIdAndConsumesTheData) {
 
 TEST(ManagerClient, PortMapsAndUserKeys) {
   ManagerClient client;
-  ManagerClient::PortMap ports;
-  ports["kxp"] = {8080, 8443};
-  ports["fvt"] = {0, -1};
-  EXPECT_EQ(R"({"fvt":{"port":0,"sslPort":-1},"kxp":{"port":8080,"sslPort":8443}})", ManagerClient::PortMapToJson(ports));
+  EXPECT_EQ(R"({"fvt":{"port":0,"sslPort":-1},"kxp":{"port":8080,"sslPort":8443}})",
+            ManagerClient::PortMapToJson({{"kxp", {8080, 8443}}, {"fvt", {0, -1}}}));
   // Two VersionInfo calls from the same user give one key; an unknown key
   // given to GetPorts is entered too.
   for (const char* cmd : {R"({"id":"1","method":"VersionInfo"})", R"({"id":"1","method":"VersionInfo"})",

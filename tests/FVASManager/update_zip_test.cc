@@ -20,8 +20,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using qs_test::ReadWholeFile;
-using qs_test::WriteFile;
+using qs_test::OwnFolder, qs_test::ReadWholeFile, qs_test::WriteFile;
 
 std::string g_sent;
 signed char Capture(SendBackCallback, int, void*, char const* text, void const*, unsigned int, char const*) {
@@ -30,18 +29,15 @@ signed char Capture(SendBackCallback, int, void*, char const* text, void const*,
 }
 signed char Host(int, void*, char const*, void const*, unsigned int, char const*) { return 1; }
 
-std::string Folder() { return std::string(getenv("QS_TEST_OWN_FOLDER")) + "/"; }
-
-std::string MakeArchives(const std::string& folder) {
-  EXPECT_EQ(0, system(("python3 " QS_SOURCE_DIR "/tests/FVASManager/data/make_archives.py " + folder).c_str()));
-  return folder + "/";
-}
-
-// Starts up in the test's own folder as the service process.
-void StartService(const std::string& configuration) {
-  WriteFile(Folder() + "QSConfiguration.ini", configuration);
+// Starts up in the test's own folder as the service process; returns the
+// folder the test archives are written to.
+std::string StartService(const std::string& configuration) {
+  WriteFile(OwnFolder() + "QSConfiguration.ini", configuration);
   SetIfServiceProcess(true);
   InitProgramInfo(false);
+  const std::string archives = OwnFolder() + "archives";
+  EXPECT_EQ(0, system(("python3 " QS_SOURCE_DIR "/tests/FVASManager/data/make_archives.py " + archives).c_str()));
+  return archives + "/";
 }
 
 // Runs one update command on a ManagerClient and returns the answer as sent.
@@ -51,11 +47,8 @@ std::string Run(const std::string& cmd, const std::string& body = "") {
   HttpParamRequest request(1, nullptr, cmd, 1, 3, "", Capture, Host, nullptr, nullptr, nullptr, copy,
                            static_cast<long>(body.size()), true);
   ManagerClient client;
-  if (cmd.find("CheckUpdateFile") != std::string::npos) {
-    client.CheckUpdateFile(&request);
-  } else {
-    client.LoadZipFromBytes(&request);
-  }
+  const bool check = cmd.find("CheckUpdateFile") != std::string::npos;
+  check ? client.CheckUpdateFile(&request) : client.LoadZipFromBytes(&request);
   request.SendBackResult();
   return g_sent;
 }
@@ -67,8 +60,7 @@ bool CacheIsEmpty() { return !fs::exists(GetCachePath()) || fs::is_empty(GetCach
 // The version check compares the 32-bit cut of the candidate's leading digits
 // with the installed version.
 TEST_IN_OWN_FOLDER(UpdatePipeline, VersionCheckUpdateFlagAndUploads) {
-  StartService("[QS]\nQSVersion=13,0,0,0404\n");
-  const std::string archives = MakeArchives(Folder() + "archives");
+  const std::string archives = StartService("[QS]\nQSVersion=13,0,0,0404\n");
   ManagerClient client;
   const struct { const char* candidate; bool installed; } rows[] = {
       {"13000404", true}, {"13000405", false}, {"13,0,0,0404", true}, {"abc", true},
@@ -87,8 +79,8 @@ TEST_IN_OWN_FOLDER(UpdatePipeline, VersionCheckUpdateFlagAndUploads) {
   // successful read: folders appear in the module folder, contents do not.
   EXPECT_HAS(Run(R"({"id":"1","method":"LoadZipFromBytes","parameter":[0,""]})", ReadWholeFile(archives + "nested.zip")),
              "\"result\" : [ 0, \"\", true ]");
-  EXPECT_TRUE(fs::is_directory(Folder() + "a/b"));
-  EXPECT_FALSE(fs::exists(Folder() + "a/b/c.txt"));
+  EXPECT_TRUE(fs::is_directory(OwnFolder() + "a/b"));
+  EXPECT_FALSE(fs::exists(OwnFolder() + "a/b/c.txt"));
   EXPECT_TRUE(CacheIsEmpty());
   // With an update under way every upload and check is refused at once.
   WriteFile(GetInitFile(), "[QS]\nifupdate=1\n");
@@ -102,25 +94,24 @@ TEST_IN_OWN_FOLDER(UpdatePipeline, VersionCheckUpdateFlagAndUploads) {
 // started with the work folder and an empty environment; without an updater
 // the update flag is reset; a broken package is deleted with its folder.
 TEST_IN_OWN_FOLDER(UpdatePipeline, CheckUpdateFile) {
-  StartService("[QS]\nIfUpdate=0\nQSVersion=1\n");
-  const std::string archives = MakeArchives(Folder() + "archives");
-  WriteFile(Folder() + "Service_9.zip", ReadWholeFile(archives + "Service_9.zip"));
+  const std::string archives = StartService("[QS]\nIfUpdate=0\nQSVersion=1\n");
+  WriteFile(OwnFolder() + "Service_9.zip", ReadWholeFile(archives + "Service_9.zip"));
   EXPECT_HAS(Run(R"({"id":"9","method":"CheckUpdateFile","parameter":["9"]})"), "\"result\" : [ \"9\", true ]");
-  EXPECT_FALSE(fs::exists(Folder() + "Service_9.zip"));
-  const std::string program = GetCachePath() + "QuintarisService/QSUpdate", marker = Folder() + "updater_ran.txt";
+  EXPECT_FALSE(fs::exists(OwnFolder() + "Service_9.zip"));
+  const std::string program = GetCachePath() + "QuintarisService/QSUpdate", marker = OwnFolder() + "updater_ran.txt";
   for (int i = 0; i < 500 && ReadWholeFile(marker).empty(); ++i) usleep(10000);
   const std::string ran = ReadWholeFile(marker);
-  EXPECT_EQ(0u, ran.find(program + "|" + Folder() + "|")) << ran;
+  EXPECT_EQ(0u, ran.find(program + "|" + OwnFolder() + "|")) << ran;
   EXPECT_EQ(std::string::npos, ran.find("HOME=")) << ran;
 
-  WriteFile(Folder() + "Service_5.zip", ReadWholeFile(archives + "pkg.zip"));  // no QSUpdate inside
+  WriteFile(OwnFolder() + "Service_5.zip", ReadWholeFile(archives + "pkg.zip"));  // no QSUpdate inside
   EXPECT_HAS(Run(R"({"id":"10","method":"CheckUpdateFile","parameter":["5"]})"),
              "\"description\" : \"Create update progress failed.\",\n   \"exception\" : -2407");
   EXPECT_EQ("0", GetConfigurationfromInitFile("IfUpdate", "unset", nullptr));
 
-  WriteFile(Folder() + "Service_3.zip", "not a zip");
+  WriteFile(OwnFolder() + "Service_3.zip", "not a zip");
   EXPECT_HAS(Run(R"({"id":"11","method":"CheckUpdateFile","parameter":["3"]})"), "\"exception\" : -2405");
-  EXPECT_FALSE(fs::exists(Folder() + "Service_3.zip"));
+  EXPECT_FALSE(fs::exists(OwnFolder() + "Service_3.zip"));
   EXPECT_FALSE(fs::exists(GetCachePath() + "QuintarisService"));
 }
 

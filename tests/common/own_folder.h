@@ -25,6 +25,8 @@
 namespace qs_test {
 
 inline bool InOwnFolder() { return getenv("QS_TEST_OWN_FOLDER") != nullptr; }
+// In the run inside the folder: the folder, with a trailing slash.
+inline std::string OwnFolder() { return std::string(getenv("QS_TEST_OWN_FOLDER")) + "/"; }
 
 // Copies this binary into `folder` (a path without shell characters, as
 // TempDir makes them) and runs the current test there. Returns the child's

@@ -23,10 +23,7 @@
 
 namespace {
 
-using qs_test::PathExists;
-using qs_test::ReadWholeFile;
-using qs_test::ServiceFolder;
-using qs_test::WriteFile;
+using qs_test::PathExists, qs_test::ReadWholeFile, qs_test::ServiceFolder, qs_test::WriteFile;
 
 // ---- Configuration --------------------------------------------------------------
 
@@ -154,21 +151,13 @@ TEST(PortRegistry, UserPorts) {
   ServiceFolder folder;
   g_mapSSLPortInMem.clear();
   WriteFile(g_user_config_file, "[S-1]\nkxp=18625\nkxp_def=18993\nkxp_ssl=18626\nkxp_ssl_def=18994\nfvt=12abc\n");
-  EXPECT_EQ("18625 18993 18626 18994 12 0", std::to_string(GetPort("S-1", "kxp", false, false)) + " " +
-                                                std::to_string(GetPort("S-1", "kxp", true, false)) + " " +
-                                                std::to_string(GetPort("S-1", "kxp", false, true)) + " " +
-                                                std::to_string(GetPort("S-1", "kxp", true, true)) + " " +
-                                                std::to_string(GetPort("S-1", "fvt", false, false)) + " " +
-                                                std::to_string(GetPort("S-1", "kxs", false, true)));
+  auto port = [](const char* name, bool def, bool ssl) { return std::to_string(GetPort("S-1", name, def, ssl)) + " "; };
+  EXPECT_EQ("18625 18993 18626 18994 12 0 ", port("kxp", false, false) + port("kxp", true, false) +
+                                                 port("kxp", false, true) + port("kxp", true, true) +
+                                                 port("fvt", false, false) + port("kxs", false, true));
 }
 
 // ---- User sessions and desktop commands -----------------------------------------------
-
-std::string Block(const std::vector<std::string>& variables) {
-  std::string block;
-  for (const std::string& v : variables) block += v + std::string(1, '\0');
-  return block;
-}
 
 // Outside text reaches desktop helpers as data, never through a shell.
 TEST(UserSession, DisplayOfAProcess) {
@@ -176,7 +165,7 @@ TEST(UserSession, DisplayOfAProcess) {
   // A value with shell characters is written verbatim and runs nothing.
   const std::string value = "$(touch " + folder.dir() / "X" + ");`touch " + folder.dir() / "Y" + "`";
   mkdir((folder.dir() / "9").c_str(), 0755);
-  WriteFile(folder.dir() / "9/environ", Block({"HOME=/", "DISPLAY=" + value}));
+  WriteFile(folder.dir() / "9/environ", std::string("HOME=/\0DISPLAY=", 15) + value + '\0');
   WriteFile(folder.dir() / "9/status", "Name:\tb\nUid:\t1000\t1001\t1002\t1003\n");
   EXPECT_EQ(value, user_session_internal::WriteDisplayOfProcess(9, folder.dir().path(), folder.dir() / "D.log"));
   EXPECT_EQ(value + "\n", ReadWholeFile(folder.dir() / "D.log"));

@@ -17,12 +17,9 @@ namespace qs_test {
 class ServiceFolder {
  public:
   explicit ServiceFolder(const std::string& configuration = "") {
-    g_work_path = dir_.path() + "/";
-    g_init_file = dir_ / "QSConfiguration.ini";
+    std::tie(g_work_path, g_init_file, g_user_config_file, g_log_file, g_logs_file) = std::make_tuple(
+        dir_.path() + "/", dir_ / "QSConfiguration.ini", dir_ / "user_config.ini", dir_ / "qss.log", dir_ / "qsu.log");
     lstrcpyn(g_szIniFile, g_init_file.c_str(), sizeof(g_szIniFile));
-    g_user_config_file = dir_ / "user_config.ini";
-    g_log_file = dir_ / "qss.log";
-    g_logs_file = dir_ / "qsu.log";
     if (!configuration.empty()) WriteFile(g_init_file, configuration);
   }
   ~ServiceFolder() {

@@ -16,12 +16,7 @@
 
 namespace {
 
-using qs_test::IsFolder;
-using qs_test::PathExists;
-using qs_test::ReadWholeFile;
-using qs_test::WriteFile;
-
-std::string Folder() { return std::string(getenv("QS_TEST_OWN_FOLDER")) + "/"; }
+using qs_test::IsFolder, qs_test::OwnFolder, qs_test::PathExists, qs_test::ReadWholeFile, qs_test::WriteFile;
 
 unsigned int ModeOf(const std::string& path) {
   struct stat st;
@@ -29,10 +24,10 @@ unsigned int ModeOf(const std::string& path) {
 }
 
 TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
-  WriteFile(Folder() + "QSConfiguration.ini", "; comment\n[QS]\nLogLevel=14\nServer=myhost\n[Other]\nx=1\n");
+  WriteFile(OwnFolder() + "QSConfiguration.ini", "; comment\n[QS]\nLogLevel=14\nServer=myhost\n[Other]\nx=1\n");
   SetIfServiceProcess(true);
   InitProgramInfo(true);
-  const std::string w = Folder();
+  const std::string w = OwnFolder();
   EXPECT_EQ(w + "QSConfiguration.ini|" + w + "log/qss.log|" + w + "qs_test_host",
             g_szIniFile + std::string("|") + GetLogFile() + "|" + GetExeFile());
   EXPECT_EQ("myhost", GetHostName());
@@ -56,17 +51,16 @@ TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
 }
 
 TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {
-  WriteFile(Folder() + "QSConfiguration.ini",
+  WriteFile(OwnFolder() + "QSConfiguration.ini",
             "[QS]\nEnableCORSAll=FaLsE\nEnableScannerAccessAuth=true\nEnableFileAccessAuth=yes\n"
             "EnableWebcamAccessAuth=TRUE\nEnableEnhancedMode=True\nListenType=https\nServiceName=My Service\n");
   umask(022);
   SetProgramMode(WorkModeUserProcess);
   InitProgramInfo(false);
-  EXPECT_EQ("0 1 0 1 1", std::to_string(GetEnableCORSAll()) + " " + std::to_string(GetEnableScannerAccessAuth()) +
-                             " " + std::to_string(GetEnableFileAccessAuth()) + " " +
-                             std::to_string(GetEnableWebcamAccessAuth()) + " " +
-                             std::to_string(GetEnableMultipleUserEnhancedMode()))
-      << "only a case-blind TRUE counts";
+  std::string flags;
+  for (const bool flag : {GetEnableCORSAll(), GetEnableScannerAccessAuth(), GetEnableFileAccessAuth(),
+                          GetEnableWebcamAccessAuth(), GetEnableMultipleUserEnhancedMode()}) flags += flag ? '1' : '0';
+  EXPECT_EQ("01011", flags) << "only a case-blind TRUE counts";
   EXPECT_EQ("https|My Service", GetListenType() + "|" + GetServiceName());
   EXPECT_FALSE(PathExists(GetDumpPath())) << "no dump folder without the flag";
   EXPECT_EQ(0755u, ModeOf(GetLogPath()));
@@ -83,7 +77,7 @@ TEST(Startup, SurvivesBrokenConfigurations) {
     InitProgramInfo(true);
     EXPECT_TRUE(GetEnableCORSAll());
     EXPECT_EQ("Quintaris Service", GetServiceName());
-    if (IsFolder(Folder() + "log")) {
+    if (IsFolder(OwnFolder() + "log")) {
       EXPECT_EQ(6, GetLogLevel());
       EXPECT_EQ("127.0.0.1", GetHostName());
       EXPECT_TRUE(LogErr("still logging"));
@@ -96,16 +90,11 @@ TEST(Startup, SurvivesBrokenConfigurations) {
   for (const char* kind : {"", "\x01\x02garbage\xff\n[[[\n=\n", "[QS]\nLogLevel=\n", "folder", "fifo", "link"}) {
     qs_test::TempDir dir;
     const std::string path = dir / "QSConfiguration.ini", what = kind;
-    if (what == "folder") {
-      mkdir(path.c_str(), 0755);
-    } else if (what == "fifo") {
-      mkfifo(path.c_str(), 0666);
-    } else if (what == "link") {
-      symlink((dir / "nowhere.ini").c_str(), path.c_str());
-    } else {
-      WriteFile(path, kind);
-      WriteFile(dir / "log", "a file where the log folder should be");
-    }
+    const int made = what == "folder" ? mkdir(path.c_str(), 0755)
+                     : what == "fifo" ? mkfifo(path.c_str(), 0666)
+                     : what == "link" ? symlink((dir / "nowhere.ini").c_str(), path.c_str())
+                                      : (WriteFile(path, kind), WriteFile(dir / "log", "not a folder"), 0);
+    ASSERT_EQ(0, made) << kind;
     struct stat before, after;
     lstat(path.c_str(), &before);
     EXPECT_EQ(0, qs_test::RunInOwnFolder(dir.path())) << kind;

@@ -1,18 +1,7 @@
 #!/usr/bin/python3
 """The Debian package built with CPack from BUILD_FOLDER, end to end without a service manager.
     package_test.py BUILD_FOLDER VERSION"""
-import os
-import pathlib
-import re
-import shutil
-import signal
-import socket
-import subprocess
-import sys
-import tempfile
-import time
-import unittest
-import urllib.request
+import os, pathlib, re, shutil, signal, socket, subprocess, sys, tempfile, time, unittest, urllib.request
 
 BUILD = VERSION = None
 PACKAGE = "quintaris-service"
@@ -125,8 +114,7 @@ class Package(unittest.TestCase):
 
         # A changed setting, then an upgrade (new installed files): the copies
         # are refreshed, the setting stays.
-        with open(os.path.join(folder, "QSConfiguration.ini"), "w") as out:
-            out.write("[QS]\nEnableCORSAll=FALSE\n")
+        pathlib.Path(folder, "QSConfiguration.ini").write_text("[QS]\nEnableCORSAll=FALSE\n")
         copied = read(os.path.join(folder, "copied-version"))
         os.utime(os.path.join(self.root, "usr/lib/quintaris/libFVASManager.so"))
         port = free_port()
@@ -155,9 +143,8 @@ class Package(unittest.TestCase):
         for name in ("qs-host.service", "qs-host.socket"):
             text = read(os.path.join(source, name))
             self.assertNotIn("@QS_", text)
-            with open(os.path.join(units, name), "w") as out:
-                out.write(text.replace("ExecStart=/usr/bin/qs-host",
-                                       "ExecStart=" + os.path.join(self.root, "usr/bin/qs-host")))
+            pathlib.Path(units, name).write_text(text.replace("ExecStart=/usr/bin/qs-host",
+                                                              "ExecStart=" + os.path.join(self.root, "usr/bin/qs-host")))
         self.assertIn("ExecStart=/usr/bin/qs-host\n", read(os.path.join(source, "qs-host.service")))
         verify = subprocess.run(["systemd-analyze", "--user", "verify", "--man=no",
                                  os.path.join(units, "qs-host.service"), os.path.join(units, "qs-host.socket")],
