@@ -1,24 +1,8 @@
 #!/usr/bin/python3
 """qs-host end to end in fresh folders, over loopback: http.client, raw sockets, python3-websocket.
     host_e2e.py QS_HOST MODULE STANDIN_MODULE PARTIAL_STANDIN_MODULE [TestClass ...]"""
-import atexit
-import concurrent.futures
-import contextlib
-import fcntl
-import glob
-import http.client
-import os
-import re
-import shutil
-import signal
-import socket
-import ssl
-import subprocess
-import sys
-import tempfile
-import threading
-import time
-import unittest
+import atexit, concurrent.futures, contextlib, fcntl, glob, http.client, os, re, shutil, signal, socket, ssl
+import subprocess, sys, tempfile, threading, time, unittest
 
 import websocket
 

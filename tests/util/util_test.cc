@@ -127,10 +127,10 @@ TEST(CUtilFiles, FoldersCopiesAndCodes) {
   // The copy goes through CopyFile, whose successful read writes nothing:
   // folders are made, no file is written, and it reports success.
   WriteFile(dir / "a/b/deep.txt", "deep");
+  const long descriptors = qs_test::OpenDescriptors();
   EXPECT_TRUE(CUtil::CopyDirectoryFiles((dir / "a/").c_str(), (dir / "to").c_str(), 1));
   EXPECT_TRUE(qs_test::IsFolder(dir / "to/b"));
   EXPECT_FALSE(PathExists(dir / "to/b/deep.txt"));
-  const long descriptors = qs_test::OpenDescriptors();
   EXPECT_TRUE(CUtil::DeleteDirectory((dir / "a").c_str(), 1));
   EXPECT_EQ(descriptors, qs_test::OpenDescriptors()) << "every folder read is closed";
   EXPECT_FALSE(PathExists(dir / "a"));
