@@ -181,6 +181,8 @@ const scenarios = {
       await session.qsVersion();
     }, port);
     host.child.kill("SIGSTOP");
+    const state = () => fs.readFileSync(`/proc/${host.child.pid}/stat`, "latin1").split(") ")[1][0];
+    while (state() !== "T") await new Promise((resolve) => setTimeout(resolve, 10)); // until every thread has stopped
     const waited = await page.evaluate(async () => {
       window.pending = [1, 2, 3].map((i) => outcome(session.call("QSVersion", [`x${i}`])));
       const abort = new AbortController();
@@ -192,8 +194,8 @@ const scenarios = {
     host.expected = "SIGKILL";
     host.child.kill("SIGKILL");
     await host.exited;
-    const down = await page.evaluate(async () => [...await Promise.all(pending), await outcome(session.qsVersion())].map((o) => o.code));
-    assert.deepEqual(down, ["closed", "closed", "closed", "service-not-running"]);
+    const down = await page.evaluate(async () => [...await Promise.all(pending), await outcome(session.qsVersion())]);
+    assert.deepEqual(down.map((o) => o.code), ["closed", "closed", "closed", "service-not-running"], JSON.stringify(down));
     await start({ args: ["--port", String(port)] });
     await new Promise((resolve) => setTimeout(resolve, 250)); // past the first back-off
     const again = await page.evaluate(async () => [(await outcome(session.qsVersion())).value, session.transport]);

@@ -613,9 +613,7 @@ class ConcurrentClients(unittest.TestCase):  # many clients at once: each answer
         with concurrent.futures.ThreadPoolExecutor(8) as pool:
             list(pool.map(client, [kind + str(i) for kind in "hw" for i in range(4)]))  # a client's failure is raised
         for _ in range(100):  # once every client has gone, no more descriptors are open than before they came
-            if open_now() <= before:
-                break
-            time.sleep(0.05)
+            time.sleep(0.05 if open_now() > before else 0)
         self.assertEqual(before, open_now())
 
 
