@@ -97,8 +97,7 @@ TEST(Event, BudgetWrapsIn32BitsAndInfiniteWaitsWake) {
   EXPECT_EQ(1, ResetEvent(nullptr)) << "resetting no event succeeds";
 }
 
-// Unnamed events get a name from the process id, a process-wide counter and
-// the global seed.
+// The named semaphores this process has mapped.
 size_t SemaphoresMapped() {
   const std::string maps = qs_test::ReadWholeFile("/proc/self/maps");
   size_t count = 0;
@@ -106,6 +105,8 @@ size_t SemaphoresMapped() {
   return count;
 }
 
+// Unnamed events get a name from the process id, a process-wide counter and
+// the global seed.
 TEST(Event, GeneratedNames) {
   SetGlobalSeed(77);
   Event first = MakeEvent(0, 0), second = MakeEvent(0, 0);
@@ -195,7 +196,7 @@ TEST(File, OpensReadsCopiesAndAttributes) {
 
 // One call clears files up to and including the first sub-directory met, in
 // directory-reading order.
-TEST(Folder, RemoveDirStopsAfterTheFirstSubDirectory) {
+TEST(Folder, RemoveDirStopsAfterTheFirstSubDirectoryAndOldSiblingsGo) {
   TempDir dir;
   const std::string root = dir / "root";
   for (const char* sub : {"", "/d1", "/d2"}) mkdir((root + sub).c_str(), 0777);
