@@ -88,14 +88,6 @@ size_t ManagerClient::UserKeyCount() {
   return m_userKeyMap.size();
 }
 
-bool ManagerClient::FindUser(const std::string& userSid, SUserModuleInfo* info) {
-  std::lock_guard<std::mutex> hold(m_tablesLock);
-  auto found = m_userMap.find(userSid);
-  if (found == m_userMap.end()) return false;
-  if (info != nullptr) *info = found->second;
-  return true;
-}
-
 bool ManagerClient::FindUserKey(const std::string& key, std::string* userSid) {
   std::lock_guard<std::mutex> hold(m_tablesLock);
   auto found = m_userKeyMap.find(key);

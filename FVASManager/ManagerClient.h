@@ -127,7 +127,6 @@ class ManagerClient {
 
   size_t UserCount();
   size_t UserKeyCount();
-  bool FindUser(const std::string& userSid, SUserModuleInfo* info);
   bool FindUserKey(const std::string& key, std::string* userSid);
   bool HasFunction(const std::string& name) const { return m_functionMap.count(name) != 0; }
   size_t FunctionCount() const { return m_functionMap.size(); }

@@ -20,12 +20,14 @@ namespace {
 
 int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
 
-const std::string& Root() {
-  static const std::string root = [] {
-    char pattern[] = "/tmp/qs_unzip_fuzz_XXXXXX";
-    return std::string(mkdtemp(pattern));
-  }();
-  return root;
+// The folder goes at exit (a plain array: it outlives every destructor).
+char g_root[] = "/tmp/qs_unzip_fuzz_XXXXXX";
+
+std::string Root() {
+  static const bool made = mkdtemp(g_root) != nullptr &&
+                           atexit([] { nftw(g_root, RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }) == 0;
+  if (!made) abort();
+  return g_root;
 }
 
 bool SafeToExtract(const std::string& path) {
