@@ -16,53 +16,35 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-namespace {
-
-void Run(const std::string& input) {
-  LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(input.data()), input.size());
-}
-
-std::vector<std::string> ReadSeeds(const std::string& folder) {
+int main(int argc, char** argv) {
   std::vector<std::string> names, seeds;
-  if (DIR* dir = opendir(folder.c_str())) {
-    while (const dirent* entry = readdir(dir)) {
-      if (entry->d_name[0] != '.') names.push_back(entry->d_name);
-    }
-    closedir(dir);
+  DIR* dir = argc == 3 ? opendir(argv[1]) : nullptr;
+  while (const dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
+    if (entry->d_name[0] != '.') names.push_back(entry->d_name);
   }
+  if (dir == nullptr || closedir(dir) != 0 || names.empty()) return 2;
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
-    std::ifstream file(folder + "/" + name, std::ios::binary);
+    std::ifstream file(std::string(argv[1]) + "/" + name, std::ios::binary);
     seeds.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
   }
-  return seeds;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  const std::vector<std::string> seeds = argc == 3 ? ReadSeeds(argv[1]) : std::vector<std::string>();
-  if (seeds.empty()) return 2;
-  for (const std::string& seed : seeds) Run(seed);
   std::mt19937 draw(20261125);
   auto below = [&draw](size_t n) { return n == 0 ? 0 : draw() % n; };
   const char edges[] = {0, 1, '\x7F', '\x80', '\xFF', '-', '.', '%', '/', '\n'};
-  for (long round = atol(argv[2]); round > 0; --round) {
-    std::string input = seeds[below(seeds.size())];
-    for (int edit = 1 + below(6); edit > 0; --edit) {
+  for (long round = -static_cast<long>(seeds.size()); round < atol(argv[2]); ++round) {
+    std::string input = seeds[round < 0 ? seeds.size() + round : below(seeds.size())];
+    for (int edit = round < 0 ? 0 : 1 + below(6); edit > 0; --edit) {
       const size_t at = below(input.size() + 1);
+      const std::string& other = seeds[below(seeds.size())];
       switch (below(5)) {
         case 0: if (at < input.size()) input[at] = edges[below(sizeof(edges))]; break;
         case 1: if (at < input.size()) input[at] = static_cast<char>(draw()); break;
         case 2: input.insert(at, 1 + below(3), static_cast<char>(draw())); break;
         case 3: input.erase(at, 1 + below(8)); break;
-        default: {
-          const std::string& other = seeds[below(seeds.size())];
-          input = input.substr(0, at) + other.substr(below(other.size() + 1));
-        }
+        default: input = input.substr(0, at) + other.substr(below(other.size() + 1));
       }
     }
-    Run(input);
+    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(input.data()), input.size());
   }
   return 0;
 }
