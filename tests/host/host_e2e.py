@@ -17,7 +17,7 @@ class Host:
     """qs-host and the module (or a stand-in "standin.so") in a folder; stop() expects exit status 0."""
 
     def __init__(self, args=(), configuration=None, module=None, env=None, port_arg=("--port", "0"), files=None,
-                 handed=None, folder=None):
+                 handed=None, folder=None, wrapper=()):
         self.folder, self.process = folder or tempfile.mkdtemp(prefix="qs_host_e2e_"), None
         atexit.register(self.discard)
         self.module = os.path.join(self.folder, "standin.so" if module else "libFVASManager.so")
@@ -27,7 +27,7 @@ class Host:
             os.makedirs(os.path.dirname(os.path.join(self.folder, name)), exist_ok=True)
             open(os.path.join(self.folder, name), "w").write(text)
         extra = ["--module", self.module] if module else []
-        command, fds = [os.path.join(self.folder, "qs-host"), *port_arg, *ROOT, *extra, *args], []
+        command, fds = [*wrapper, os.path.join(self.folder, "qs-host"), *port_arg, *ROOT, *extra, *args], []
         if handed:  # (descriptors, LISTEN_FDNAMES, LISTEN_PID): placed from 3 on, as the service manager does
             fds = [fcntl.fcntl(getattr(fd, "fileno", lambda: fd)(), fcntl.F_DUPFD_CLOEXEC, 10) for fd in handed[0]]
             moves = " ".join("%d<&%d %d<&-" % (3 + i, fd, fd) for i, fd in enumerate(fds)) or "3<&-"
@@ -320,6 +320,16 @@ class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its ans
                                    (PARTIAL, [], " lacks the exports DistributeCommand, GetImage\n")):
             host = Host(args, module=module)
             self.assertEqual((1, True), (host.wait(), text in host.output()), host.output())
+        # On the journal's stream (JOURNAL_STREAM names its device:inode) a line starts with its priority.
+        with tempfile.TemporaryFile("w+") as err:
+            st, said = os.fstat(err.fileno()), []
+            for stream in ("%d:%d" % (st.st_dev, st.st_ino), "%d:%d" % (st.st_dev, st.st_ino + 1),
+                           "%d:%d" % (st.st_dev + 1, st.st_ino), "journal"):
+                err.truncate(0)
+                subprocess.run([QS_HOST, *ROOT, "--module", "/none.so"], stderr=err, env=dict(os.environ, **TSAN,
+                               JOURNAL_STREAM=stream), timeout=60)
+                said.append(err.seek(0) or err.read()[:29])
+        self.assertEqual(["<3>qs-host: cannot load the"] + ["qs-host: cannot load the mod"] * 3, said)
 
     def test_socket_activation(self):
         self.host.stop()
@@ -330,7 +340,8 @@ class StandIn(unittest.TestCase):  # a stand-in module: what reaches it, its ans
                 ([tcp(listening=False)], "", why + "is not listening\n"),
                 ([tcp("0.0.0.0")], "http", why + '("http") is not bound to a loopback address\n'),
                 ([tcp(kind=socket.SOCK_DGRAM)], "http", why + '("http") is not a stream socket\n'),
-                ([tcp()], "ftp", why + '("ftp") has a name other than "http" or "https"\n')):
+                ([tcp()], "ftp", why + '("ftp") has a name other than "http" or "https"\n'),
+                ([tcp()], "https", 'qs-host: no plain ("http") socket was handed over\n')):
             host = Host(module=STANDIN, handed=(handed, names, "$$"))
             self.assertEqual((1, text), (host.wait(), host.lines[-1] if host.lines else ""), names)
         # Listeners handed to this process: served (TLS with a certificate), not inherited; to another: not taken.
@@ -500,6 +511,20 @@ class Limits(unittest.TestCase):  # time and connection limits, with short time-
         self.assertEqual(b"", kept.sock.recv(100))
         self.assertGreater(time.monotonic() - waited, 3.0)
         kept.close()
+
+    def test_out_of_descriptors_the_listener_waits_then_serves(self):
+        # qs-host raises its soft limit to the hard one; at that limit accept fails until a connection closes.
+        self.assertIn("(1024 descriptors)", started(self, wrapper=["prlimit", "--nofile=64:1024", "--"]).output())
+        host = started(self, wrapper=["prlimit", "--nofile=40:40", "--"])
+        held = [socket.create_connection(("127.0.0.1", host.port), timeout=10) for _ in range(60)]
+        cpu = lambda: sum(int(n) for n in open("/proc/%d/stat" % host.process.pid).read().split(")")[1].split()[11:13])
+        time.sleep(0.3)
+        before = cpu()
+        time.sleep(1)
+        self.assertLess(cpu() - before, 20, "clock ticks used while out of descriptors: it waits, not spins")
+        for sock in held:
+            sock.close()
+        self.assertEqual(200, host.command("after")[0])
 
     def test_at_the_cap_the_longest_idle_connection_makes_room(self):
         host = started(self, ["--max-connections", "20"])
