@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 
+#include "tests/common/temp_dir.h"
 
 namespace {
 
@@ -42,7 +43,6 @@ TEST(IniText, LoadRulesShownByTheSavedText) {
   for (const auto& row : rows) EXPECT_EQ(row.saved, Resaved(row.text)) << row.text;
 }
 
-// (Files are read and written through the profile functions' tests.)
 TEST(IniText, MergingAndEditing) {
   CIniFileA ini;
   std::istringstream first("[A]\nk=1\nonly=a\n"), more("[a]\nK=3\nnew=n\n[B]\nb=1\n");
@@ -71,6 +71,18 @@ TEST(IniWide, PrefixMatching) {
   EXPECT_EQ(nullptr, wide.GetSection(L"server"));
   EXPECT_EQ(L"x", wide.GetKeyValue(L"Serv", L"Na"));
   EXPECT_EQ(L"Server", wide.AddSection(L"Se")->GetSectionName());
+  // A file holds UTF-8; loading a missing one is refused.
+  wide.GetSection(L"Server")->AddKey(L"u")->SetValue(L"\u00FC");
+  qs_test::TempDir dir;
+  ASSERT_TRUE(wide.Save(dir / "w.ini"));
+  EXPECT_EQ("[Server]\nName=x\nu=\xC3\xBC\n", qs_test::ReadWholeFile(dir / "w.ini"));
+  CIniFileW back;
+  std::wistringstream first(L"[A]\na=1\n");
+  first >> CIniFileW::CIniMergeW(back);
+  EXPECT_EQ("1 0", std::to_string(back.Load(dir / "w.ini", true)) + " " + std::to_string(back.Load(dir / "no.ini")));
+  std::wostringstream out;
+  out << back;
+  EXPECT_EQ(L"[A]\na=1\n[Server]\nName=x\nu=\u00FC\n", out.str());
 }
 
 }  // namespace
