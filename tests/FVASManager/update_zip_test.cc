@@ -129,13 +129,18 @@ TEST_IN_OWN_FOLDER(UpdatePipeline, CheckUpdateFile) {
   EXPECT_FALSE(fs::exists(OwnFolder() + "Service_3.zip"));
   EXPECT_FALSE(fs::exists(GetCachePath() + "QuintarisService"));
 
-  // The extraction classes' own calls: folder checks, the listing, and one
-  // entry by name (absent, or failing to write).
+  // The extraction classes' own calls: folder checks, extraction into a folder
+  // made first, the listing, and one entry by name (absent, or failing to write).
   Compress compress;
   EXPECT_TRUE(compress.FolderExists(archives.c_str()) && !compress.FolderCanWrite(archives.c_str()) &&
               !compress.FolderExists("/no/such") && !compress.FolderExists((archives + "pkg.zip").c_str()));
   EXPECT_EQ("\"" + archives + "pkg.zip\" is not a folder", std::string(compress.GetErrorDescription()));
-  CMiniUnzip driver;
+  const std::string pkg = archives + "pkg";
+  EXPECT_TRUE(compress.Unzip((pkg + ".zip").c_str(), (OwnFolder() + "x/y/").c_str()));
+  CMiniUnzip driver;  // takes the name with ".zip" added; enters the folder
+  EXPECT_TRUE(driver.unzip(pkg.c_str(), OwnFolder().c_str()) && !driver.unzip(pkg.c_str(), "/no"));
+  EXPECT_EQ("retriedretried", ReadWholeFile(OwnFolder() + "inside.txt") + ReadWholeFile(OwnFolder() + "x/y/inside.txt"));
+  EXPECT_STREQ("Error changing into /no", driver.GetMessage());
   unzFile archive = unzOpen64((archives + "full.zip").c_str());
   testing::internal::CaptureStdout();
   EXPECT_EQ(0, driver.do_list(archive));
