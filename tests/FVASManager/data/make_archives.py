@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """make_archives.py <folder>: the update tests' ZIP archives, written with zipfile: nested.zip (a file two
 folders deep without folder entries, an empty file, a folder entry), Service_9.zip (an update package holding
-QSUpdate), pkg.zip (an archive without one) and full.zip (an entry stored as /dev/full, which no write fits)."""
+QSUpdate) and pkg.zip (an archive without one)."""
 import io
 import sys
 import zipfile
@@ -26,4 +26,3 @@ write(inner, [("QSUpdate", b'#!/bin/sh\nprintf "%s|%s|" "$0" "$1" > "$1/updater_
               ("readme.txt", b"service package")])
 (folder / "Service_9.zip").write_bytes(inner.getvalue())
 write(folder / "pkg.zip", [("inside.txt", b"retried")])
-write(folder / "full.zip", [("/dev/full", b"x" * 10000), ("r.txt", b"retried")])
