@@ -67,10 +67,10 @@ TEST(HttpParamRequest, DescriptionsAndTheEventForm) {
   EXPECT_EQ("{\n   \"description\" : \"why\",\n   \"event\" : \"GetPorts\",\n   \"exception\" : -9,\n"
             "   \"id\" : \"c1\",\n   \"result\" : [ \"key\", true, \"two\" ]\n}\n",
             request->GetHttpParamResponse()->GetJsonResult());
-  std::string broken = "{", parsed = "[1]";
-  EXPECT_TRUE(!request->AddJsonStringResultParam(broken, true, 0, "") &&
-              request->AddJsonStringResultParam(parsed, true, -9, "why"));
-  EXPECT_NE(std::string::npos, request->GetHttpParamResponse()->GetJsonResult().find("\"two\",\n      [ 1 ]\n   ]"));
+  // A JSON text that does not parse is refused; one that does is appended.
+  std::string bad = "{", one = "[1]";
+  EXPECT_TRUE(!request->AddJsonStringResultParam(bad, 0, 0, "") && request->AddJsonStringResultParam(one, true, -9, "why") &&
+              request->GetHttpParamResponse()->GetJsonResult().find("\"two\",\n      [ 1 ]\n   ]") != std::string::npos);
   request->GetResultStructByJsonString("{}");
   EXPECT_EQ("{}", request->GetHttpParamResponse()->GetJsonResult());
 }

@@ -69,9 +69,8 @@ TEST_IN_OWN_FOLDER(UpdatePipeline, VersionCheckUpdateFlagAndUploads) {
   };
   for (const auto& row : rows) EXPECT_EQ(row.installed, client.CheckIfAlreadyNewVersion(row.candidate)) << row.candidate;
   EXPECT_FALSE(client.ValidFileName(archives, "QSUpdate")) << "no file is ever examined";
-  EXPECT_EQ("{\n   \"id\" : \"4\",\n   \"method\" : \"LoadZipFromBytes\",\n   \"result\" : [ 1, \"13000404\", true ]"
-            ",\n\t\"cmdId\" : \"\"\n}\n",
-            Run(R"({"id":"4","method":"LoadZipFromBytes","parameter":[1,"13000404"]})", "junk"));
+  EXPECT_HAS(Run(R"({"id":"4","method":"LoadZipFromBytes","parameter":[1,"13000404"]})", "junk"),
+             "\"result\" : [ 1, \"13000404\", true ],\n\t\"cmdId\" : \"\"\n}\n");
   // A body that is not an archive leaves nothing behind.
   EXPECT_HAS(Run(R"({"id":"7","method":"LoadZipFromBytes","parameter":[0,"1"]})", "not a zip"),
              "\"description\" : \"Failed to unzip file Cannot open ");
@@ -118,11 +117,13 @@ TEST_IN_OWN_FOLDER(UpdatePipeline, CheckUpdateFile) {
   EXPECT_FALSE(fs::exists(OwnFolder() + "Service_3.zip"));
   EXPECT_FALSE(fs::exists(GetCachePath() + "QuintarisService"));
 
-  // The extraction facade's folder checks.
+  // The extraction facade's folder checks, and a target folder it cannot make.
   Compress compress;
   EXPECT_TRUE(compress.FolderExists(archives.c_str()) && !compress.FolderCanWrite(archives.c_str()) &&
               !compress.FolderExists("/no/such") && !compress.FolderExists((archives + "pkg.zip").c_str()));
   EXPECT_EQ("\"" + archives + "pkg.zip\" is not a folder", std::string(compress.GetErrorDescription()));
+  EXPECT_FALSE(compress.Unzip((archives + "pkg.zip").c_str(), (archives + "pkg.zip/x/").c_str()));
+  EXPECT_EQ("Error changing into " + archives + "pkg.zip/x/", std::string(compress.GetErrorDescription()));
 }
 
 }  // namespace
