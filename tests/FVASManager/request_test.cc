@@ -67,6 +67,10 @@ TEST(HttpParamRequest, DescriptionsAndTheEventForm) {
   EXPECT_EQ("{\n   \"description\" : \"why\",\n   \"event\" : \"GetPorts\",\n   \"exception\" : -9,\n"
             "   \"id\" : \"c1\",\n   \"result\" : [ \"key\", true, \"two\" ]\n}\n",
             request->GetHttpParamResponse()->GetJsonResult());
+  // A JSON text that does not parse is refused; one that does is appended.
+  std::string bad = "{", one = "[1]";
+  EXPECT_TRUE(!request->AddJsonStringResultParam(bad, 0, 0, "") && request->AddJsonStringResultParam(one, true, -9, "why") &&
+              request->GetHttpParamResponse()->GetJsonResult().find("\"two\",\n      [ 1 ]\n   ]") != std::string::npos);
   request->GetResultStructByJsonString("{}");
   EXPECT_EQ("{}", request->GetHttpParamResponse()->GetJsonResult());
 }
@@ -124,6 +128,9 @@ TEST(ManagerClient, PortMapsAndUserKeys) {
   }
   EXPECT_EQ(2u, client.UserKeyCount());
   EXPECT_EQ(1u, client.UserCount());
+  std::string sid = "unset";
+  EXPECT_TRUE(client.FindUserKey("12345", &sid) && sid.empty() && !client.FindUserKey("7", nullptr));
+  EXPECT_EQ("3299 4294967295", std::to_string(GetHashCode("ab")) + " " + std::to_string(GetHashCode("\xff")));
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_DEATH(client.Function(nullptr), "FVASManager/ManagerClient.*pParam != __null");
 }

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 
+#include "FVASManager/Compress.h"
 #include "FVASManager/ManagerClient.h"
 #include "FVASManager/http_param_request.h"
 #include "environment/configuration.h"
@@ -67,21 +68,23 @@ TEST_IN_OWN_FOLDER(UpdatePipeline, VersionCheckUpdateFlagAndUploads) {
       {"", false},        {"99999999999", false}, {"4294967296", true},
   };
   for (const auto& row : rows) EXPECT_EQ(row.installed, client.CheckIfAlreadyNewVersion(row.candidate)) << row.candidate;
-  EXPECT_EQ("{\n   \"id\" : \"4\",\n   \"method\" : \"LoadZipFromBytes\",\n   \"result\" : [ 1, \"13000404\", true ]"
-            ",\n\t\"cmdId\" : \"\"\n}\n",
-            Run(R"({"id":"4","method":"LoadZipFromBytes","parameter":[1,"13000404"]})", "junk"));
+  EXPECT_FALSE(client.ValidFileName(archives, "QSUpdate")) << "no file is ever examined";
+  EXPECT_HAS(Run(R"({"id":"4","method":"LoadZipFromBytes","parameter":[1,"13000404"]})", "junk"),
+             "\"result\" : [ 1, \"13000404\", true ],\n\t\"cmdId\" : \"\"\n}\n");
   // A body that is not an archive leaves nothing behind.
-  const std::string broken = Run(R"({"id":"7","method":"LoadZipFromBytes","parameter":[0,"1"]})", "not a zip");
-  EXPECT_HAS(broken, "\"description\" : \"Failed to unzip file Cannot open ");
-  EXPECT_HAS(broken, "\"exception\" : -2405");
-  EXPECT_TRUE(CacheIsEmpty());
+  EXPECT_HAS(Run(R"({"id":"7","method":"LoadZipFromBytes","parameter":[0,"1"]})", "not a zip"),
+             "\"description\" : \"Failed to unzip file Cannot open ");
   // A module upload copies through CopyFile, which writes nothing after a
   // successful read: folders appear in the module folder, contents do not.
   EXPECT_HAS(Run(R"({"id":"1","method":"LoadZipFromBytes","parameter":[0,""]})", ReadWholeFile(archives + "nested.zip")),
              "\"result\" : [ 0, \"\", true ]");
   EXPECT_TRUE(fs::is_directory(OwnFolder() + "a/b"));
   EXPECT_FALSE(fs::exists(OwnFolder() + "a/b/c.txt"));
-  EXPECT_TRUE(CacheIsEmpty());
+  // A service upload (here with an empty version) unpacks into a version
+  // folder made afresh, and the copy writes no contents: the package it names
+  // is never there, and the version folder goes.
+  EXPECT_HAS(Run(R"({"id":"3","method":"LoadZipFromBytes","parameter":[1,""]})", ReadWholeFile(archives + "pkg.zip")),
+             "file \\\"" + GetCachePath() + "Update_/Service_.zip\\\" 2\",\n   \"exception\" : -2405");
   // With an update under way every upload and check is refused at once.
   WriteFile(GetInitFile(), "[QS]\nifupdate=1\n");
   EXPECT_HAS(Run(R"({"id":"5","method":"LoadZipFromBytes","parameter":[1,"20000000"]})", "bytes"),
@@ -113,6 +116,14 @@ TEST_IN_OWN_FOLDER(UpdatePipeline, CheckUpdateFile) {
   EXPECT_HAS(Run(R"({"id":"11","method":"CheckUpdateFile","parameter":["3"]})"), "\"exception\" : -2405");
   EXPECT_FALSE(fs::exists(OwnFolder() + "Service_3.zip"));
   EXPECT_FALSE(fs::exists(GetCachePath() + "QuintarisService"));
+
+  // The extraction facade's folder checks, and a target folder it cannot make.
+  Compress compress;
+  EXPECT_TRUE(compress.FolderExists(archives.c_str()) && !compress.FolderCanWrite(archives.c_str()) &&
+              !compress.FolderExists("/no/such") && !compress.FolderExists((archives + "pkg.zip").c_str()));
+  EXPECT_EQ("\"" + archives + "pkg.zip\" is not a folder", std::string(compress.GetErrorDescription()));
+  EXPECT_FALSE(compress.Unzip((archives + "pkg.zip").c_str(), (archives + "pkg.zip/x/").c_str()));
+  EXPECT_EQ("Error changing into " + archives + "pkg.zip/x/", std::string(compress.GetErrorDescription()));
 }
 
 }  // namespace
