@@ -44,7 +44,7 @@ TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
       << log;
   // The level is written back: every section and key stays, the comment goes.
   EXPECT_EQ("[Other]\nx=1\n[QS]\nLogLevel=14\nServer=myhost\n", ReadWholeFile(GetInitFile()));
-  g_host_name = "changed";
+  SetHostName("changed"), SetHostName(nullptr);
   InitProgramInfo(true);
   EXPECT_EQ("changed", GetHostName());
   EXPECT_EQ(log, ReadWholeFile(GetLogFile()));
