@@ -2,14 +2,11 @@
 // configuration store, logging, the port registry, user sessions and desktop
 // commands.
 #include <gtest/gtest.h>
-#include <arpa/inet.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -48,34 +45,20 @@ TEST(Configuration, FlagsReadsAndWhoWrites) {
   EXPECT_EQ(std::string(2046, 'd'), GetConfigurationfromInitFile("None", std::string(3000, 'd').c_str(), nullptr));
 
   folder.SetConfiguration("#note\n[QS]\nLogLevel=6\n");
-  SetIfServiceProcess(false);
-  SetConfigurationToInitFile("LogLevel", 14, nullptr);
+  SetIfServiceProcess(false), SetConfigurationToInitFile("LogLevel", 14, nullptr);
   EXPECT_EQ("#note\n[QS]\nLogLevel=6\n", folder.Configuration()) << "only the service process writes";
-  EXPECT_TRUE(SetUserProcessExitFlag("S-1", true)) << "any process writes its exit flag";
-  EXPECT_TRUE(GetUserProcessExitFlag("S-1"));
-  EXPECT_FALSE(GetUserProcessExitFlag(""));
-  SetIfServiceProcess(true);
-  SetConfigurationToInitFile("LogLevel", 14, nullptr);
-  SetConfigurationToInitFile("Name", std::string("x y"), "Extra");
-  SaveServiceName("My Service");
-  const std::string written = "[Extra]\nName=x y\n[QS]\nLogLevel=14\nServiceName=My Service\n";
-  EXPECT_EQ(written, folder.Configuration());
-  chmod(g_init_file.c_str(), 0444);  // a write that cannot be made is logged with its error number
-  SetConfigurationToInitFile("Server", std::string("h"), nullptr);
-  EXPECT_EQ(written, folder.Configuration());
+  EXPECT_TRUE(SetUserProcessExitFlag("S-1", true) && GetUserProcessExitFlag("S-1") && !GetUserProcessExitFlag(""));
+  SetIfServiceProcess(true), SetConfigurationToInitFile("LogLevel", 14, nullptr);
+  SetConfigurationToInitFile("Name", std::string("x y"), "Extra"), SaveServiceName("My Service");
+  EXPECT_EQ("[Extra]\nName=x y\n[QS]\nLogLevel=14\nServiceName=My Service\n", folder.Configuration());
+  // A write that cannot be made is logged with its error number.
+  chmod(g_init_file.c_str(), 0444), SetConfigurationToInitFile("Server", std::string("h"), nullptr);
+  EXPECT_EQ("[Extra]\nName=x y\n[QS]\nLogLevel=14\nServiceName=My Service\n", folder.Configuration());
   EXPECT_NE(std::string::npos,
             folder.ServiceLog().find("]: Set configuration to init file failed. Key = Server, Value = h. (13)\n"));
 }
 
 // ---- Logging ------------------------------------------------------------------------
-
-bool ListLog(int level, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const bool written = WriteLog(level, format, args);
-  va_end(args);
-  return written;
-}
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
@@ -94,7 +77,7 @@ std::string Prefix(const std::string& type, int mode = 0) {
 
 TEST(Logging, LinesLevelsAndFiles) {
   ServiceFolder folder("[QS]\nLogLevel=6\n");
-  EXPECT_TRUE(LogDebug("hidden %d", 1) && ListLog(Log_Debug, "hidden")) << "filtered counts as written";
+  EXPECT_TRUE(LogDebug("hidden %d", 1)) << "filtered counts as written";
   errno = 2;
   EXPECT_TRUE(LogErr("Something failed"));
   EXPECT_EQ(2, errno) << "the caller's errno is kept";
@@ -102,12 +85,9 @@ TEST(Logging, LinesLevelsAndFiles) {
   folder.SetConfiguration("[QS]\nLogLevel=255\n");  // read on every call, unvalidated while filtering
   SetProgramMode(WorkModeUserProcess);
   const unsigned char data[] = {'a', 0, 'z'};
-  LogDebug("with data", data, 3);
-  LogDebug("empty data", data, 0);
+  LogDebug("with data", data, 3), LogDebug("empty data", data, 0);
   SetProgramMode(WorkModeService);
-  errno = 0;
-  Log(3, "type %d", 3);
-  Log(1, "type %d", 1);
+  errno = 0, Log(3, "type %d", 3), Log(1, "type %d", 1);
   const std::vector<std::string> lines = Lines(folder.ServiceLog());
   const std::string expected[] = {Prefix("Error") + "Something failed GetLastError = 2\\.", Prefix("Info") + "note here",
                                   Prefix("Debug", 3) + "with data", std::string("a\\x00z"),
@@ -116,9 +96,7 @@ TEST(Logging, LinesLevelsAndFiles) {
   ASSERT_EQ(8u, lines.size()) << folder.ServiceLog();
   for (size_t i = 0; i < 8; ++i) EXPECT_TRUE(std::regex_match(lines[i], std::regex(expected[i]))) << lines[i];
   EXPECT_EQ(std::string::npos, folder.ServiceLog().find('\r'));
-  SetIfScanningProcess(true);
-  LogInfo("from the scanner");
-  SetIfScanningProcess(false);
+  SetIfScanningProcess(true), LogInfo("from the scanner"), SetIfScanningProcess(false);
   EXPECT_NE(std::string::npos, folder.ScanningLog().find("from the scanner"));
   g_log_file = folder.dir() / "missing/folder/qss.log";
   EXPECT_FALSE(LogErr("lost"));
@@ -131,22 +109,17 @@ TEST(Logging, LevelValidationAndTheRunTimeMask) {
   EXPECT_EQ(12, GetLogLevelInLocal()) << "the value's leading blank is skipped";
   folder.SetConfiguration("[QS]\nLogLevel=abc\n");
   EXPECT_EQ(0, GetLogLevel()) << "not a number lets nothing through";
-  folder.SetConfiguration("[QS]\nLogLevel=6\nOther=x\n");
-  EXPECT_TRUE(ChangeLogLevel(8)) << "any bit of the run-time mask lets everything through";
-  EXPECT_EQ(14, g_log_level);
-  EXPECT_FALSE(ChangeLogLevel(0));
-  EXPECT_EQ(6, g_log_level);
-  EXPECT_TRUE(ChangeLogLevel(65535)) << "all levels";
-  folder.SetConfiguration("[QS]\nLogLevel=15\n");
-  EXPECT_FALSE(ChangeLogLevel(0));
-  EXPECT_EQ(6, g_log_level);
+  // Any bit of the run-time mask lets everything through, 65535 means all; above 14 the default is used.
+  const struct { const char* level; int mask, effective; } rows[] = {{"6", 8, 14}, {"6", 0, 6}, {"6", 65535, 14}, {"15", 0, 6}};
+  for (const auto& r : rows) {
+    folder.SetConfiguration(std::string("[QS]\nLogLevel=") + r.level + "\nOther=x\n");
+    EXPECT_EQ(r.effective == 14, ChangeLogLevel(r.mask)) << r.level << " " << r.mask;
+    EXPECT_EQ(r.effective, g_log_level);
+  }
   EXPECT_NE(std::string::npos, folder.ServiceLog().find("]: Invalid Service Log Level value. Default log level value loaded."));
-  folder.SetConfiguration("[QS]\nLogLevel=6\nOther=x\n");
-  SetIfServiceProcess(true);
-  SetLogLevel(14);
+  SetIfServiceProcess(true), SetLogLevel(14);
   EXPECT_EQ("[QS]\nLogLevel=14\nOther=x\n", folder.Configuration());
-  EXPECT_TRUE(g_enumLogLevel);
-  EXPECT_TRUE(IsDebugMode());
+  EXPECT_TRUE(g_enumLogLevel && IsDebugMode());
   EXPECT_NE(std::string::npos, folder.ServiceLog().find("[Debug-0]: Log Level = 14, 0."));
 }
 
@@ -167,24 +140,19 @@ TEST(Logging, ConcurrentLinesNeverInterleave) {
 
 TEST(PortRegistry, UserPortsListsAndTextSearch) {
   ServiceFolder folder;
-  SetIfServiceProcess(true);
   WriteFile(g_user_config_file, "[S-1]\nkxp=18625\nkxp_def=18993\nfvt=12abc\n[]\nkxs_ssl=18628\n");
-  SavePort("S-1", "kxp", true, true, 18626);
-  SavePort("", "kxp", false, true, 18994);
+  SavePort("S-1", "kxp", true, true, 18626), SavePort("", "kxp", false, true, 18994), SetProgramMode(WorkModeUserProcess);
   auto port = [](const char* name, bool def, bool ssl) { return std::to_string(GetPort("S-1", name, def, ssl)) + " "; };
   EXPECT_EQ("18625 18993 18626 18626 12 0 ", port("kxp", false, false) + port("kxp", true, false) +
                                                  port("kxp", false, true) + port("kxp", true, true) +
                                                  port("fvt", false, false) + port("kxs", false, true));
-  EXPECT_TRUE(ReadUserSSLPort().empty()) << "only the per-user process reads them";
-  SetProgramMode(WorkModeUserProcess);
-  EXPECT_EQ(std::vector<int>({18994, 18628}), ReadUserSSLPort());
-  SetProgramMode(WorkModeService);
+  EXPECT_EQ(std::vector<int>({18994, 18628}), ReadUserSSLPort()) << "the ports of the section \"\"";
   // Named lists: written in name order from what this process set, read back by name.
-  g_mapSSLPortInMem.clear(), g_mapNoSSLPortInMem.clear();
+  SetProgramMode(WorkModeService), SetIfServiceProcess(true);
   SetSSLPort(18994, "b"), SetSSLPort(18626, "a"), SetNoSSLPort(1, "n");
   EXPECT_EQ("[QS]\nPort=1\nPort_mn_0=n\nPort_mp_0=1\nSSLPort=2\nSSLPort_mn_0=a\nSSLPort_mn_1=b\nSSLPort_mp_0=18626\nSSLPort_mp_1=18994\n",
             folder.Configuration());
-  EXPECT_EQ(std::vector<int>({18994, 0, 1}), std::vector<int>({GetSSLPort("b", true), GetSSLPort("x", true), GetNoSSLPort("n", false)}));
+  EXPECT_EQ(std::vector<int>({18994, 0}), std::vector<int>({GetSSLPort("b", true), GetSSLPort("x", true)}));
   // A plain substring test up to the first 0 byte; a file that cannot be read holds nothing.
   WriteFile(folder.dir() / "ports", std::string("x18625\0 19000", 13));
   EXPECT_EQ(std::vector<bool>({true, false, false, false}),
@@ -194,7 +162,9 @@ TEST(PortRegistry, UserPortsListsAndTextSearch) {
 
 // ---- User sessions and desktop commands -----------------------------------------------
 
-TEST(UserSession, FixedQueriesUsersAndDomains) {
+// The desktop tools are stand-ins in the test's folder. Outside text reaches
+// them as data, never through a shell.
+TEST(UserSession, UsersOriginsAndDesktopTools) {
   ServiceFolder folder;
   EXPECT_FALSE(GetClientConnectionSessionID(3) != 0 || GetCurrentUserToken(nullptr, 0));
   unsigned int uid = 7, gid = 7;
@@ -202,62 +172,28 @@ TEST(UserSession, FixedQueriesUsersAndDomains) {
             std::vector<int>({name_to_uid("root", &uid, &gid), name_to_uid(nullptr, &uid, &gid), name_to_uid("root", nullptr, &gid),
                               name_to_uid("root", &uid, nullptr), name_to_uid("no-such-user-qs", &uid, &gid), int(uid), int(gid)}));
   EXPECT_NE(std::string::npos, folder.ServiceLog().find("]: name_to_uid failed. GetLastError"));
-  const char* const domains[][2] = {{"", ""}, {"NULL", "NULL"}, {"ftp://a/b", ""}, {"HTTPS://Host:8080/path?x", "HTTPS://Host:8080"},
-                                    {"http:///a/b", "http://"}};
+  // The origin of a URL, up to the first "/" after "://".
+  const char* const domains[][2] = {
+      {"NULL", "NULL"}, {"ftp://a/b", ""}, {"HTTPS://Host:8080/path?x", "HTTPS://Host:8080"}, {"http:///a/b", "http://"}};
   for (const auto& d : domains) EXPECT_EQ(d[1], GetFullDomain(d[0])) << d[0];
-}
-
-// The desktop tools are stand-ins in the test's folder. Outside text reaches
-// them as data, never through a shell.
-TEST(UserSession, PeerDisplayAndDesktopTools) {
-  ServiceFolder folder("[QS]\nLogLevel=14\n");
   const std::string dir = folder.dir().path(), path = getenv("PATH");
-  auto tool = [&](const char* name, const std::string& body) { WriteFile(dir + "/" + name, "#!/bin/sh\n" + body + "\n"), chmod((dir + "/" + name).c_str(), 0755); };
-  // A loopback connection whose far end netstat reports as process 9.
-  const int listener = socket(AF_INET, SOCK_STREAM, 0), client = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  socklen_t size = sizeof(address);
-  bind(listener, reinterpret_cast<sockaddr*>(&address), size), listen(listener, 1), getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
-  connect(client, reinterpret_cast<sockaddr*>(&address), size), getsockname(client, reinterpret_cast<sockaddr*>(&address), &size);
-  const int server = accept(listener, nullptr, nullptr), peer = ntohs(address.sin_port);
-  tool("netstat", "echo 'tcp 0 0 127.0.0.1:" + std::to_string(peer) + " x ESTABLISHED 8/QuintarisService'\necho 'tcp 0 0 127.0.0.1:" +
-                  std::to_string(peer) + " x ESTABLISHED 9/browser'");
-  tool("certutil", "yes quintaris_folivant | head -n 10");
-  setenv("PATH", (dir + ":" + path).c_str(), 1);
+  auto tool = [](const std::string& file, const std::string& body) { WriteFile(file, "#!/bin/sh\n" + body + "\n"), chmod(file.c_str(), 0755); };
+  tool(dir + "/certutil", "yes quintaris_folivant | head -n 10"), setenv("PATH", (dir + ":" + path).c_str(), 1);
   // A value with shell characters is written verbatim and runs nothing.
   const std::string value = "$(touch " + dir + "/X);`touch " + dir + "/Y`";
-  mkdir((dir + "/9").c_str(), 0755);
-  WriteFile(dir + "/9/environ", std::string("HOME=/\0DISPLAY=", 15) + value + '\0');
+  mkdir((dir + "/9").c_str(), 0755), WriteFile(dir + "/9/environ", std::string("HOME=/\0DISPLAY=", 15) + value + '\0');
   WriteFile(dir + "/9/status", "Name:\tb\nUid:\t1000\t1001\t1002\t1003\n");
-  EXPECT_EQ(value, user_session_internal::GetDisplayEnvTo(server, dir, dir + "/D.log"));
-  EXPECT_EQ(value + "\n", ReadWholeFile(dir + "/D.log"));
+  EXPECT_EQ(value, user_session_internal::WriteDisplayOfProcess(9, dir, dir + "/D.log"));
   EXPECT_EQ(10, GetChromeCertCount());
-  setenv("PATH", path.c_str(), 1), close(server), close(client), close(listener);
+  setenv("PATH", path.c_str(), 1);
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "every tool was waited for";
-  EXPECT_EQ("1000", user_session_internal::UidOfProcess(9, dir));
-  EXPECT_EQ("", user_session_internal::UidOfProcess(8, dir)) << "no such process";
-  EXPECT_FALSE(PathExists(dir + "/X") || PathExists(dir + "/Y"));
+  EXPECT_EQ(value + "\n", ReadWholeFile(dir + "/D.log"));
+  EXPECT_EQ("1000|", user_session_internal::UidOfProcess(9, dir) + "|" + user_session_internal::UidOfProcess(8, dir));
   // The converter's output goes to the bitmap file; a null name runs nothing.
-  tool("pnm2bmp", "echo \"bmp of $1\"");
+  tool(dir + "/pnm2bmp", "echo \"bmp of $1\"");
   TransformPnm2Bmp("in.pnm", (dir + "/out.bmp").c_str()), TransformPnm2Bmp(nullptr, (dir + "/none.bmp").c_str());
   EXPECT_EQ("bmp of in.pnm\n", ReadWholeFile(dir + "/out.bmp"));
-  EXPECT_FALSE(PathExists(dir + "/none.bmp"));
-  // A helper gets its arguments; a child whose exec failed returns false to its caller.
-  tool("helper", "echo \"$0 $*\" > " + dir + "/args");
-  SetModulePath("/m"), g_enumLogLevel = true;
-  std::string results;
-  for (const std::string& app : {dir + "/helper", dir + "/missing"}) {
-    const pid_t self = getpid();
-    const bool started = CreateProcessAsCurrentLogonUser(const_cast<char*>(app.c_str()), const_cast<char*>("a b"));
-    if (getpid() != self) _exit(started ? 3 : 4);
-    int status = -1;
-    waitpid(-1, &status, 0);
-    results += std::to_string(started) + std::to_string(WEXITSTATUS(status));
-  }
-  EXPECT_EQ("1014", results);
-  EXPECT_EQ(dir + "/helper scan a b 1 1 1 /m\n", ReadWholeFile(dir + "/args"));
-  EXPECT_NE(std::string::npos, folder.ServiceLog().find("]: CreateProcessAsCurrentLogonUser fork child process end\n\n"));
-  EXPECT_NE(std::string::npos, folder.ServiceLog().find("]: execve failed: Something wrong with child ! GetLastError = 2."));
+  EXPECT_FALSE(PathExists(dir + "/X") || PathExists(dir + "/Y") || PathExists(dir + "/none.bmp"));
 }
 
 }  // namespace
