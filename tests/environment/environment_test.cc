@@ -31,18 +31,16 @@ using qs_test::PathExists, qs_test::ReadWholeFile, qs_test::ServiceFolder, qs_te
 TEST(Configuration, FlagsReadsAndWhoWrites) {
   ServiceFolder folder;
   // Case-blind everything, values not trimmed (the default and other values: the start-up tests).
-  const struct { const char* text; bool flag; } flags[] = {
-      {"[qs]\nenablecorsall=tRuE\n", true}, {"[QS]\nEnableCORSAll= TRUE\n", false}, {"[QS]\nEnableCORSAll=1\n", false}};
-  for (const auto& f : flags) {
-    folder.SetConfiguration(f.text);
-    EXPECT_EQ(f.flag, GetConfigurationfromInitFile("EnableCORSAll", "TRUE")) << f.text;
-  }
+  auto flag = [&](const char* text) { return folder.SetConfiguration(text), GetConfigurationfromInitFile("EnableCORSAll", "TRUE"); };
+  EXPECT_EQ(std::vector<bool>({true, false, false}), std::vector<bool>({flag("[qs]\nenablecorsall=tRuE\n"),
+                                                                       flag("[QS]\nEnableCORSAll= TRUE\n"), flag("[QS]\nEnableCORSAll=1\n")}));
   folder.SetConfiguration("[QS]\nServer=\nLong=" + std::string(3000, 'v') + "\n[Other]\nk=v\n");
-  EXPECT_EQ("", GetConfigurationfromInitFile("Server", "127.0.0.1", nullptr)) << "present but empty wins";
-  EXPECT_EQ("", GetConfigurationfromInitFile("Missing", nullptr, nullptr));
-  EXPECT_EQ("v", GetConfigurationfromInitFile("k", "dflt", "Other"));
-  EXPECT_EQ(std::string(2046, 'v'), GetConfigurationfromInitFile("Long", nullptr, nullptr));
-  EXPECT_EQ(std::string(2046, 'd'), GetConfigurationfromInitFile("None", std::string(3000, 'd').c_str(), nullptr));
+  // A key present but empty wins over the default; texts are cut to 2,046 bytes.
+  EXPECT_EQ(std::vector<std::string>({"", "", "v", std::string(2046, 'v'), std::string(2046, 'd')}),
+            std::vector<std::string>({GetConfigurationfromInitFile("Server", "127.0.0.1", nullptr),
+                                      GetConfigurationfromInitFile("Missing", nullptr, nullptr), GetConfigurationfromInitFile("k", "dflt", "Other"),
+                                      GetConfigurationfromInitFile("Long", nullptr, nullptr),
+                                      GetConfigurationfromInitFile("None", std::string(3000, 'd').c_str(), nullptr)}));
 
   folder.SetConfiguration("#note\n[QS]\nLogLevel=6\n");
   SetIfServiceProcess(false), SetConfigurationToInitFile("LogLevel", 14, nullptr);
@@ -79,15 +77,13 @@ TEST(Logging, LinesLevelsAndFiles) {
   ServiceFolder folder("[QS]\nLogLevel=6\n");
   EXPECT_TRUE(LogDebug("hidden %d", 1)) << "filtered counts as written";
   errno = 2;
-  EXPECT_TRUE(LogErr("Something failed"));
-  EXPECT_EQ(2, errno) << "the caller's errno is kept";
+  EXPECT_TRUE(LogErr("Something failed") && errno == 2) << "the caller's errno is kept";
   LogInfo("note %s", "here");
-  folder.SetConfiguration("[QS]\nLogLevel=255\n");  // read on every call, unvalidated while filtering
-  SetProgramMode(WorkModeUserProcess);
+  // The level is read on every call, unvalidated while filtering.
+  folder.SetConfiguration("[QS]\nLogLevel=255\n"), SetProgramMode(WorkModeUserProcess);
   const unsigned char data[] = {'a', 0, 'z'};
   LogDebug("with data", data, 3), LogDebug("empty data", data, 0);
-  SetProgramMode(WorkModeService);
-  errno = 0, Log(3, "type %d", 3), Log(1, "type %d", 1);
+  SetProgramMode(WorkModeService), errno = 0, Log(3, "type %d", 3), Log(1, "type %d", 1);
   const std::vector<std::string> lines = Lines(folder.ServiceLog());
   const std::string expected[] = {Prefix("Error") + "Something failed GetLastError = 2\\.", Prefix("Info") + "note here",
                                   Prefix("Debug", 3) + "with data", std::string("a\\x00z"),
@@ -104,11 +100,9 @@ TEST(Logging, LinesLevelsAndFiles) {
 
 TEST(Logging, LevelValidationAndTheRunTimeMask) {
   ServiceFolder folder;
-  EXPECT_EQ(6, GetLogLevelInLocal()) << "missing key";
-  folder.SetConfiguration("[QS]\nLogLevel = 12\n");
-  EXPECT_EQ(12, GetLogLevelInLocal()) << "the value's leading blank is skipped";
-  folder.SetConfiguration("[QS]\nLogLevel=abc\n");
-  EXPECT_EQ(0, GetLogLevel()) << "not a number lets nothing through";
+  // A missing key is 6, a leading blank is skipped, not a number lets nothing through.
+  auto level = [&](const char* text) { return folder.SetConfiguration(text), GetLogLevel(); };
+  EXPECT_EQ(std::vector<int>({6, 12, 0}), std::vector<int>({level(""), level("[QS]\nLogLevel = 12\n"), level("[QS]\nLogLevel=abc\n")}));
   // Any bit of the run-time mask lets everything through, 65535 means all; above 14 the default is used.
   const struct { const char* level; int mask, effective; } rows[] = {{"6", 8, 14}, {"6", 0, 6}, {"6", 65535, 14}, {"15", 0, 6}};
   for (const auto& r : rows) {
@@ -165,13 +159,12 @@ TEST(PortRegistry, UserPortsListsAndTextSearch) {
 // The desktop tools are stand-ins in the test's folder. Outside text reaches
 // them as data, never through a shell.
 TEST(UserSession, UsersOriginsAndDesktopTools) {
-  ServiceFolder folder;
+  ServiceFolder folder("[QS]\nLogLevel=14\n");
   EXPECT_FALSE(GetClientConnectionSessionID(3) != 0 || GetCurrentUserToken(nullptr, 0));
   unsigned int uid = 7, gid = 7;
   EXPECT_EQ(std::vector<int>({0, -1, -1, -1, -1, 0, 0}),
             std::vector<int>({name_to_uid("root", &uid, &gid), name_to_uid(nullptr, &uid, &gid), name_to_uid("root", nullptr, &gid),
                               name_to_uid("root", &uid, nullptr), name_to_uid("no-such-user-qs", &uid, &gid), int(uid), int(gid)}));
-  EXPECT_NE(std::string::npos, folder.ServiceLog().find("]: name_to_uid failed. GetLastError"));
   // The origin of a URL, up to the first "/" after "://".
   const char* const domains[][2] = {
       {"NULL", "NULL"}, {"ftp://a/b", ""}, {"HTTPS://Host:8080/path?x", "HTTPS://Host:8080"}, {"http:///a/b", "http://"}};
@@ -194,6 +187,21 @@ TEST(UserSession, UsersOriginsAndDesktopTools) {
   TransformPnm2Bmp("in.pnm", (dir + "/out.bmp").c_str()), TransformPnm2Bmp(nullptr, (dir + "/none.bmp").c_str());
   EXPECT_EQ("bmp of in.pnm\n", ReadWholeFile(dir + "/out.bmp"));
   EXPECT_FALSE(PathExists(dir + "/X") || PathExists(dir + "/Y") || PathExists(dir + "/none.bmp"));
+  // A helper gets its arguments; a child whose exec failed returns false to its caller, which ends it.
+  tool(dir + "/helper", "echo \"$0 $*\" > " + dir + "/args"), SetModulePath("/m"), g_enumLogLevel = true;
+  const pid_t self = getpid();
+  std::string results;
+  for (const std::string& app : {dir + "/helper", dir + "/missing"}) {
+    const bool started = CreateProcessAsCurrentLogonUser(const_cast<char*>(app.c_str()), const_cast<char*>("a b"));
+    if (getpid() != self) _exit(started ? 3 : 4);
+    int status = -1;
+    results += std::to_string(started) + std::to_string(waitpid(-1, &status, 0) > 0 ? WEXITSTATUS(status) : -1);
+  }
+  EXPECT_EQ("1014", results);
+  EXPECT_EQ(dir + "/helper scan a b 1 1 1 /m\n", ReadWholeFile(dir + "/args"));
+  auto logged = [&](const char* text) { return folder.ServiceLog().find(text) != std::string::npos; };
+  EXPECT_TRUE(logged("]: name_to_uid failed. GetLastError") && logged("]: CreateProcessAsCurrentLogonUser fork child process end\n\n") &&
+              logged("]: execve failed: Something wrong with child ! GetLastError = 2."));
 }
 
 }  // namespace

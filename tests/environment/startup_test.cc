@@ -31,8 +31,7 @@ TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
             g_szIniFile + std::string("|") + GetLogFile() + "|" + GetExeFile());
   EXPECT_EQ("myhost", GetHostName());
   EXPECT_TRUE(std::regex_match(std::string(gszServiceUUID), std::regex("[0-9a-f]{32}")));
-  EXPECT_TRUE(IsFolder(w + "upload") && IsFolder(w + "dump"));
-  EXPECT_FALSE(PathExists(w + "cert")) << "the cert folder is not made";
+  EXPECT_TRUE(IsFolder(w + "upload") && IsFolder(w + "dump") && !PathExists(w + "cert")) << "the cert folder is not made";
   EXPECT_TRUE(ModeOf(w + "log/qss.log") == 0777u && ModeOf(w + "dump") == 0777u) << "open to every user";
   const std::string log = ReadWholeFile(GetLogFile());
   EXPECT_NE(std::string::npos, log.find("]: Log Level = 14, 0.\n"));
@@ -43,8 +42,7 @@ TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
   // The level is written back: every section and key stays, the comment goes.
   EXPECT_EQ("[Other]\nx=1\n[QS]\nLogLevel=14\nServer=myhost\n", ReadWholeFile(GetInitFile()));
   SetHostName("changed"), SetHostName(nullptr), InitProgramInfo(true);
-  EXPECT_EQ("changed", GetHostName());
-  EXPECT_EQ(log, ReadWholeFile(GetLogFile()));
+  EXPECT_EQ("changed" + log, GetHostName() + ReadWholeFile(GetLogFile()));
 }
 
 TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {
@@ -57,8 +55,7 @@ TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {
                           GetEnableWebcamAccessAuth(), GetEnableMultipleUserEnhancedMode()}) flags += flag ? '1' : '0';
   EXPECT_EQ("01011", flags) << "only a case-blind TRUE counts";
   EXPECT_EQ("https|My Service", GetListenType() + "|" + GetServiceName());
-  EXPECT_FALSE(PathExists(GetDumpPath())) << "no dump folder without the flag";
-  EXPECT_EQ(0755u, ModeOf(GetLogPath()));
+  EXPECT_TRUE(!PathExists(GetDumpPath()) && ModeOf(GetLogPath()) == 0755u) << "no dump folder or chmod without the flag";
   EXPECT_EQ(std::string::npos, ReadWholeFile(GetInitFile()).find("LogLevel")) << "not the service: nothing written";
 }
 
@@ -69,8 +66,7 @@ TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {
 TEST(Startup, SurvivesBrokenConfigurations) {
   if (qs_test::InOwnFolder()) {
     SetIfServiceProcess(true), InitProgramInfo(true);
-    EXPECT_TRUE(GetEnableCORSAll());
-    EXPECT_EQ("Quintaris Service", GetServiceName());
+    EXPECT_TRUE(GetEnableCORSAll() && GetServiceName() == "Quintaris Service");
     if (IsFolder(OwnFolder() + "log")) {
       EXPECT_EQ(6, GetLogLevel());
       EXPECT_EQ("127.0.0.1", GetHostName());
