@@ -25,17 +25,14 @@ unsigned int ModeOf(const std::string& path) {
 
 TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
   WriteFile(OwnFolder() + "QSConfiguration.ini", "; comment\n[QS]\nLogLevel=14\nServer=myhost\n[Other]\nx=1\n");
-  SetIfServiceProcess(true);
-  InitProgramInfo(true);
+  SetIfServiceProcess(true), InitProgramInfo(true);
   const std::string w = OwnFolder();
   EXPECT_EQ(w + "QSConfiguration.ini|" + w + "log/qss.log|" + w + "qs_test_host",
             g_szIniFile + std::string("|") + GetLogFile() + "|" + GetExeFile());
   EXPECT_EQ("myhost", GetHostName());
   EXPECT_TRUE(std::regex_match(std::string(gszServiceUUID), std::regex("[0-9a-f]{32}")));
-  EXPECT_TRUE(IsFolder(w + "upload") && IsFolder(w + "dump"));
-  EXPECT_FALSE(PathExists(w + "cert")) << "the cert folder is not made";
-  EXPECT_EQ(0777u, ModeOf(w + "log/qss.log"));
-  EXPECT_EQ(0777u, ModeOf(w + "dump"));
+  EXPECT_TRUE(IsFolder(w + "upload") && IsFolder(w + "dump") && !PathExists(w + "cert")) << "the cert folder is not made";
+  EXPECT_TRUE(ModeOf(w + "log/qss.log") == 0777u && ModeOf(w + "dump") == 0777u) << "open to every user";
   const std::string log = ReadWholeFile(GetLogFile());
   EXPECT_NE(std::string::npos, log.find("]: Log Level = 14, 0.\n"));
   EXPECT_NE(std::string::npos,
@@ -44,26 +41,21 @@ TEST_IN_OWN_FOLDER(Startup, PathsBannerAndASecondCallThatDoesNothing) {
       << log;
   // The level is written back: every section and key stays, the comment goes.
   EXPECT_EQ("[Other]\nx=1\n[QS]\nLogLevel=14\nServer=myhost\n", ReadWholeFile(GetInitFile()));
-  g_host_name = "changed";
-  InitProgramInfo(true);
-  EXPECT_EQ("changed", GetHostName());
-  EXPECT_EQ(log, ReadWholeFile(GetLogFile()));
+  SetHostName("changed"), SetHostName(nullptr), InitProgramInfo(true);
+  EXPECT_EQ("changed" + log, GetHostName() + ReadWholeFile(GetLogFile()));
 }
 
 TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {
   WriteFile(OwnFolder() + "QSConfiguration.ini",
             "[QS]\nEnableCORSAll=FaLsE\nEnableScannerAccessAuth=true\nEnableFileAccessAuth=yes\n"
             "EnableWebcamAccessAuth=TRUE\nEnableEnhancedMode=True\nListenType=https\nServiceName=My Service\n");
-  umask(022);
-  SetProgramMode(WorkModeUserProcess);
-  InitProgramInfo(false);
+  umask(022), SetProgramMode(WorkModeUserProcess), InitProgramInfo(false);
   std::string flags;
   for (const bool flag : {GetEnableCORSAll(), GetEnableScannerAccessAuth(), GetEnableFileAccessAuth(),
                           GetEnableWebcamAccessAuth(), GetEnableMultipleUserEnhancedMode()}) flags += flag ? '1' : '0';
   EXPECT_EQ("01011", flags) << "only a case-blind TRUE counts";
   EXPECT_EQ("https|My Service", GetListenType() + "|" + GetServiceName());
-  EXPECT_FALSE(PathExists(GetDumpPath())) << "no dump folder without the flag";
-  EXPECT_EQ(0755u, ModeOf(GetLogPath()));
+  EXPECT_TRUE(!PathExists(GetDumpPath()) && ModeOf(GetLogPath()) == 0755u) << "no dump folder or chmod without the flag";
   EXPECT_EQ(std::string::npos, ReadWholeFile(GetInitFile()).find("LogLevel")) << "not the service: nothing written";
 }
 
@@ -73,10 +65,8 @@ TEST_IN_OWN_FOLDER(Startup, SettingsWithoutPermissionsOrWrites) {
 // stands at the path stays (nothing is written through the link either).
 TEST(Startup, SurvivesBrokenConfigurations) {
   if (qs_test::InOwnFolder()) {
-    SetIfServiceProcess(true);
-    InitProgramInfo(true);
-    EXPECT_TRUE(GetEnableCORSAll());
-    EXPECT_EQ("Quintaris Service", GetServiceName());
+    SetIfServiceProcess(true), InitProgramInfo(true);
+    EXPECT_TRUE(GetEnableCORSAll() && GetServiceName() == "Quintaris Service");
     if (IsFolder(OwnFolder() + "log")) {
       EXPECT_EQ(6, GetLogLevel());
       EXPECT_EQ("127.0.0.1", GetHostName());
