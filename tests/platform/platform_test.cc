@@ -3,11 +3,14 @@
 // memory, files and folders, and the reader-writer locks.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <semaphore.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <cstring>
 #include <functional>
 #include <future>
@@ -33,6 +36,14 @@ using qs_test::TempDir;
 using qs_test::WriteFile;
 
 bool SemaphoreExists(const std::string& name) { return access(("/dev/shm/sem." + name).c_str(), F_OK) == 0; }
+
+// What f prints to standard output.
+std::string Printed(const std::function<void()>& f) {
+  fflush(stdout);
+  testing::internal::CaptureStdout();
+  f();
+  return testing::internal::GetCapturedStdout();
+}
 
 void WaitUntil(const std::function<bool()>& condition) {
   for (int i = 0; i < 5000 && !condition(); ++i) usleep(1000);
@@ -123,7 +134,73 @@ TEST(Event, GeneratedNames) {
   EXPECT_EQ(mapped - 1, SemaphoresMapped()) << "and unmaps the semaphore";
 }
 
-// ---- Time ------------------------------------------
+// A given name keeps 31 characters, and OpenEvent reaches the same semaphore by
+// it until CloseEvent unlinks it. Semaphores: one post per release, a finite
+// wait gives up with 0xFFFFFFFF, and closing keeps the name.
+TEST(Event, NamedEventsAndSemaphores) {
+  const std::string name = ("qsEvent" + std::to_string(getpid()) + std::string(40, 'n')).substr(0, 31);
+  Event created(CreateEvent(nullptr, 0, 0, (name + "tail").c_str()), CloseEvent);
+  EXPECT_EQ(name, GetEventName(created.get()));
+  std::string semaphoreName = "qsSem" + std::to_string(getpid());
+  void* full = CreateSemaphore(nullptr, INT_MAX, 1, &semaphoreName[0]);
+  void* counted = CreateSemaphore(nullptr, 1, 1, nullptr);
+  const size_t mapped = SemaphoresMapped();
+  unsigned int giveUp = 0;
+  const std::string printed = Printed([&] {
+    EXPECT_EQ(nullptr, CreateEvent(nullptr, 0, 0, name.c_str())) << "the name is taken";
+    EXPECT_EQ(nullptr, OpenEvent(0, 0, nullptr));
+    Event opened(OpenEvent(0, 0, name.c_str()), CloseEvent), atMaximum(OpenEvent(0, 0, semaphoreName.c_str()), CloseEvent);
+    EXPECT_EQ(name, GetEventName(opened.get()));
+    EXPECT_EQ(1, SetEvent(opened.get()));
+    EXPECT_EQ(0u, WaitForEvent(created.get(), 10));
+    EXPECT_EQ(0, SetEvent(atMaximum.get()) + ReleaseSemaphore(full, 1, nullptr) - 1) << "a count at its maximum";
+    EXPECT_EQ(0u, WaitForSemaphone(counted, 20) + ReleaseSemaphore(counted, 5, nullptr) - 1);
+    EXPECT_EQ(0u, WaitForSemaphone(counted, INFINITE));
+    giveUp = GetTickCount();
+    EXPECT_EQ(0xFFFFFFFFu, WaitForSemaphone(counted, 20));
+    giveUp = GetTickCount() - giveUp;
+    CloseSemaphore(full);
+    EXPECT_TRUE(SemaphoreExists(semaphoreName)) << "closing a semaphore keeps its name";
+    opened.reset();
+    EXPECT_EQ(nullptr, OpenEvent(0, 0, name.c_str())) << "closing an opened event unlinks the name";
+  });
+  EXPECT_EQ("CreateEvent sem_open failed 17 name " + name + "\nOpenEvent sem_open failed 22\nSetEvent sem_post failed 75\nsem_post failed 75\nOpenEvent sem_open failed 2\n",
+            printed);
+  EXPECT_GE(giveUp, 18u);
+  CloseSemaphore(counted);
+  EXPECT_EQ(mapped - 2, SemaphoresMapped());
+  EXPECT_EQ(0, sem_unlink(("Sem" + std::to_string(getpid()) + "_1_0").c_str())) << "a generated name, kept";
+}
+
+void* Spin(void*) {
+  for (;;) usleep(1000);
+}
+void* Count(void* counter) {
+  InterlockedIncrement(static_cast<int*>(counter));
+  return nullptr;
+}
+
+// ---- Threads and time ------------------------------------------
+
+// A finite WaitForThread cancels the thread before joining it.
+TEST(Thread, CreateWaitAndCancel) {
+  int counter = 5;
+  void* counting = CreateThread(nullptr, 0, Count, &counter, 0, nullptr, nullptr);
+  EXPECT_EQ(0, WaitForThread(counting, INFINITE));
+  CloseThread(counting);
+  EXPECT_EQ(5, InterlockedDecrement(&counter)) << "after one increment";
+  EXPECT_EQ(5, counter);
+  pthread_t slot;
+  void* spinning = CreateThread(nullptr, 0, Spin, nullptr, 0, nullptr, &slot);
+  EXPECT_EQ(&slot, spinning);
+  EXPECT_EQ(0, WaitForThread(spinning, 0));
+  void* terminated = CreateThread(nullptr, 0, Spin, nullptr, 0, nullptr, nullptr);
+  TerminateThread(terminated, 0);
+  EXPECT_EQ(0, WaitForThread(terminated, INFINITE));
+  CloseThread(terminated);
+  EXPECT_EQ(-1, WaitForThread(nullptr, 0));
+}
+
 
 TEST(Time, TicksWrapIn32BitsAndSystemTimeIsLocal) {
   // 4,294,967,296 ms is exactly 2^32; nanoseconds are truncated to whole ms.
@@ -250,8 +327,51 @@ class OtherReader {
   std::thread thread_;
 };
 
+// The base lock step by step, with a second thread where a step waits. Every
+// step leaves the guard as it found it: a guard left held or left unentered
+// prints a failure line.
+TEST(ReaderWriterLock, BaseLockStepsAndWaits) {
+  const std::string printed = Printed([] {
+    CReaderWriterLockNonReentrance lock;
+    auto counts = [&] { return std::to_string(lock.ReaderCount()) + " " + std::to_string(lock.WriterCount()); };
+    EXPECT_TRUE(lock.AcquireReaderLock(0));
+    EXPECT_FALSE(lock.AcquireWriterLock(0) || lock.UpgradeToWriterLock(0));
+    EXPECT_TRUE(lock.UpgradeToWriterLock(20)) << "a sole reader's writer wait runs out and finds the lock free";
+    EXPECT_EQ("0 1", counts());
+    EXPECT_FALSE(lock.AcquireReaderLock(0));
+    lock.DowngradeFromWriterLock();
+    EXPECT_EQ("1 0", counts());
+    auto writer = std::async(std::launch::async, [&] { return lock.AcquireWriterLock(INFINITE); });
+    WaitUntil([&] { return lock.WriterCount() == 1; });
+    lock.ReleaseReaderLock();
+    EXPECT_TRUE(writer.get());
+    // A reader woken while a writer holds the lock again waits on, and gives
+    // up when its time has run out; the next writer to leave lets one in.
+    for (const unsigned int timeout : {30u, 2000u}) {
+      auto reader = std::async(std::launch::async, [&] { return lock.AcquireReaderLock(timeout); });
+      WaitUntil([&] { return lock.WaitingReaderCount() == 1; });
+      lock.EnterCS();
+      lock.ReleaseWriterLock();
+      EXPECT_TRUE(timeout != 30 || lock.AcquireWriterLock(0));
+      Sleep(60);
+      lock.LeaveCS();
+      EXPECT_EQ(timeout != 30, reader.get());
+    }
+    EXPECT_EQ("1 0", counts());
+    lock.ReleaseReaderLock();
+    EXPECT_TRUE(lock.AcquireWriterLock(0));
+    lock.ReleaseWriterLock();
+    EXPECT_EQ("0 0", counts());
+  });
+  EXPECT_EQ("", printed);
+}
+
 TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
+  const std::string printed = Printed([] {
   CReaderWriterLock lock;
+  ASSERT_TRUE(lock.AcquireReaderLock(0) && lock.AcquireWriterLock(0)) << "a sole reader upgrades at once";
+  EXPECT_EQ("65537 0 1 1", State(lock) + " " + std::to_string(lock.ThreadListCapacity())) << "in one slot";
+  lock.ReleaseAllLocks();
   ASSERT_TRUE(lock.AcquireWriterLock(INFINITE));
   ASSERT_TRUE(lock.AcquireReaderLock(INFINITE));
   EXPECT_EQ(0x10001u, lock.GetCurrentThreadStatus()) << "reads low, writes high";
@@ -285,9 +405,16 @@ TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
   EXPECT_EQ(0x10002u, status.load());
   EXPECT_EQ("0 0 0", State(lock));
 
-  // Beside another reader, an upgrade that may not wait, or whose wait runs
-  // out, leaves the thread reading as before.
+  // Beside another reader, a writer that may not wait, or whose wait runs
+  // out, takes nothing; releasing what the thread does not hold changes
+  // nothing; an upgrade that may not wait, or whose wait runs out, leaves the
+  // thread reading as before.
   OtherReader holder(lock);
+  EXPECT_FALSE(lock.AcquireWriterLock(0) || lock.AcquireWriterLock(30));
+  lock.ReleaseReaderLock();
+  lock.ReleaseWriterLock();
+  lock.ReleaseAllLocks();
+  EXPECT_EQ("0 1 0", State(lock));
   ASSERT_TRUE(lock.AcquireReaderLock(INFINITE));
   EXPECT_FALSE(lock.AcquireWriterLock(0) || lock.AcquireWriterLock(30));
   EXPECT_EQ("1 2 0", State(lock));
@@ -309,6 +436,11 @@ TEST(ReaderWriterLock, ReentranceUpgradesAndThreadRecords) {
   EXPECT_EQ("65537 0 1", State(lock));
   lock.ReleaseAllLocks();
   EXPECT_EQ("0 0 0", State(lock));
+  for (int i = 0; i < 3; ++i) lock.AcquireReaderLock(INFINITE);
+  lock.ReleaseAllLocks();
+  EXPECT_EQ("0 0 0", State(lock)) << "three nested reads go in one step";
+  });
+  EXPECT_EQ("", printed);
 }
 
 TEST(ReaderWriterLock, WritersGoFirstAndEveryBlockedReaderProceeds) {
