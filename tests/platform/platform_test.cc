@@ -244,6 +244,17 @@ TEST(File, OpensReadsCopiesAndAttributes) {
   EXPECT_TRUE(WriteFile(file, "0123456789", 10, &count, nullptr));
   EXPECT_EQ(10u, GetFileSize(file, &high));
   EXPECT_EQ(77u, high) << "the high part is not written";
+  // A short read at the end succeeds; a stream that cannot be read fails.
+  char bytes[9] = {};
+  unsigned int got[3] = {9, 9, 9};
+  SetFilePointer(file, 0, nullptr, 0);
+  FILE* appendOnly = fopen(path.c_str(), "a");
+  const long long results[4] = {ReadFile(file, bytes, 8, &got[0], nullptr), ReadFile(file, bytes, 8, &got[1], nullptr),
+                               ReadFile(appendOnly, bytes, 8, &got[2], nullptr), ReadFile(nullptr, bytes, 8, nullptr, nullptr)};
+  EXPECT_EQ((std::vector<long long>{1, 1, 0, 0, 8, 2, 0}),
+            (std::vector<long long>{results[0], results[1], results[2], results[3], got[0], got[1], got[2]}));
+  EXPECT_STREQ("89234567", bytes);
+  fclose(appendOnly);
   EXPECT_TRUE(QSCloseFile(file));
   // Disposition 2 without the write bit truncates, then opens read-only.
   file = CreateFile(path.c_str(), GENERIC_READ, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
@@ -267,8 +278,26 @@ TEST(File, OpensReadsCopiesAndAttributes) {
   EXPECT_EQ(0u, GetFileAttributes(path.c_str())) << "read-only is never reported";
   EXPECT_EQ(16u, GetFileAttributes(dir.path().c_str()));
   EXPECT_EQ(0xFFFFFFFFu, GetFileAttributes((dir / "missing").c_str()));
+  // The last write time in seconds; ImgChmodForLinux opens the file to all.
+  const timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
+  utimensat(AT_FDCWD, path.c_str(), times, 0);
+  _FILETIME written{7, 7}, missing{7, 7};
+  std::string names[2] = {path, dir / "missing"};
+  EXPECT_TRUE(GetFileTime(&names[0][0], nullptr, nullptr, &written) && GetFileTime(&names[1][0], nullptr, nullptr, &missing));
+  EXPECT_EQ("1000000000 7 0 7", std::to_string(written.dwLowDateTime) + " " + std::to_string(written.dwHighDateTime) + " " + std::to_string(missing.dwLowDateTime) + " " + std::to_string(missing.dwHighDateTime));
+  ImgChmodForLinux(path.c_str());
+  struct stat st {};
+  stat(path.c_str(), &st);
+  EXPECT_EQ(0777u, st.st_mode & 07777);
   EXPECT_TRUE(DeleteFile(path.c_str()));
   EXPECT_FALSE(DeleteFile(path.c_str()));
+  // DeleteFileOrDir ignores what is not there and removes a file or a folder.
+  for (const char* ignored : {static_cast<const char*>(nullptr), "", path.c_str()}) DeleteFileOrDir(ignored);
+  mkdir((dir / "sub").c_str(), 0777);
+  WriteFile(dir / "sub/x", "1");
+  WriteFile(path, "1");
+  for (const std::string& gone : {dir / "sub", path}) DeleteFileOrDir(gone.c_str());
+  EXPECT_FALSE(PathExists(dir / "sub") || PathExists(path));
 }
 
 // One call clears files up to and including the first sub-directory met, in
@@ -482,6 +511,21 @@ TEST(ReaderWriterLock, WritersGoFirstAndEveryBlockedReaderProceeds) {
   lock.ReleaseWriterLock();
   for (auto& t : readers) t.join();
   EXPECT_EQ(3, acquired.load());
+}
+
+// The exit flag is written and read under glock's writer lock: both wait for
+// a reader on another thread.
+TEST(ReaderWriterLock, ExitFlagWaitsForGlock) {
+  OtherReader reader(glock);
+  auto set = std::async(std::launch::async, [] { SetExitFlag(true); });
+  auto get = std::async(std::launch::async, [] { return GetExitFlag(); });
+  EXPECT_NE(std::future_status::ready, get.wait_for(std::chrono::milliseconds(50)));
+  EXPECT_FALSE(bExitFlag);
+  reader.Release();
+  set.get();
+  get.get();
+  EXPECT_TRUE(GetExitFlag());
+  SetExitFlag(false);
 }
 
 // The growth rule: size/8 clamped to 4..1024; a first allocation takes exactly
