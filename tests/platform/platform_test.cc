@@ -130,18 +130,18 @@ TEST(Event, NamedEventsAndSemaphores) {
        *counted = CreateSemaphore(nullptr, 1, 1, nullptr);
   const size_t mapped = SemaphoresMapped();
   unsigned int start = 0;
-  EXPECT_EQ("CreateEvent sem_open failed 17 name " + name + "\nOpenEvent sem_open failed 22\n"
-            "SetEvent sem_post failed 75\nsem_post failed 75\nOpenEvent sem_open failed 2\n", Printed([&] {
+  EXPECT_EQ("CreateEvent sem_open failed 17 name " + name + "\nOpenEvent sem_open failed 22\nSetEvent sem_post failed 75\n"
+            "sem_post failed 75\nsem_open failed 17\nOpenEvent sem_open failed 2\n", Printed([&] {
     Event opened(OpenEvent(0, 0, name.c_str()), CloseEvent),
         atMaximum(OpenEvent(0, 0, semaphoreName.c_str()), CloseEvent);
-    EXPECT_EQ((Results{1, 1, 1, 1, 1, 0, 0, 1, 0, 0xFFFFFFFF, 1, 0, 1, 1, 1}),
+    EXPECT_EQ((Results{1, 1, 1, 1, 1, 0, 0, 1, 0, 0xFFFFFFFF, 1, 0, 1, 1, 1, 1}),
               (Results{name == GetEventName(created.get()), name == GetEventName(opened.get()),
                CreateEvent(nullptr, 0, 0, name.c_str()) == nullptr, OpenEvent(0, 0, nullptr) == nullptr,
                SetEvent(opened.get()), WaitForEvent(created.get(), 10),  // the same semaphore
-               WaitForSemaphone(counted, 20), ReleaseSemaphore(counted, 5, nullptr),
-               WaitForSemaphone(counted, INFINITE),
+               WaitForSemaphone(counted, 20), ReleaseSemaphore(counted, 5, nullptr), WaitForSemaphone(counted, INFINITE),
                (start = GetTickCount(), WaitForSemaphone(counted, 20)), GetTickCount() - start >= 18,
                SetEvent(atMaximum.get()), ReleaseSemaphore(full, 1, nullptr),  // the count is at its maximum
+               CreateSemaphore(nullptr, 0, 1, &semaphoreName[0]) == nullptr,  // the name is taken
                (CloseSemaphore(full), SemaphoreExists(semaphoreName)),
                (opened.reset(), OpenEvent(0, 0, name.c_str()) == nullptr)}));
   }));
@@ -298,9 +298,9 @@ TEST(ReaderWriterLock, BaseLockStepsAndWaits) {
     CReaderWriterLockNonReentrance lock;
     auto counts = [&] { return lock.ReaderCount() * 10 + lock.WriterCount(); };
     // A sole reader's upgrade with time to wait runs out and finds the lock free.
-    EXPECT_EQ((Results{1, 0, 0, 1, 1, 0, 10}),
+    EXPECT_EQ((Results{1, 0, 0, 0, 1, 1, 0, 10}),
               (Results{lock.AcquireReaderLock(0), lock.AcquireWriterLock(0), lock.UpgradeToWriterLock(0),
-                       lock.UpgradeToWriterLock(20), counts(), lock.AcquireReaderLock(0),
+                       lock.AcquireWriterLock(20), lock.UpgradeToWriterLock(20), counts(), lock.AcquireReaderLock(0),
                        (lock.DowngradeFromWriterLock(), counts())}));
     auto writer = Async([&] { return lock.AcquireWriterLock(INFINITE); });
     WaitUntil([&] { return lock.WriterCount() == 1; });
