@@ -13,9 +13,7 @@ namespace {
 
 char Fold(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
 
-void Check(bool condition) {
-  if (!condition) abort();
-}
+void Check(bool condition) { if (!condition) abort(); }
 
 }  // namespace
 

@@ -46,8 +46,7 @@ std::string Key(const char* prefix, int i) { return prefix + std::to_string(i); 
 // neither value `a` nor `b` (missing ones included).
 int Wrong(const std::string& file, const char* prefix, int keys, const char* a, const char* b = "") {
   CIniFileA document;
-  std::istringstream text(ReadWholeFile(file));
-  document.Load(text);
+  std::istringstream(ReadWholeFile(file)) >> document;
   int wrong = 0;
   for (int i = 0; i < keys; ++i) {
     const std::string value = document.GetKeyValue("S", Key(prefix, i), "?");
@@ -60,8 +59,7 @@ int Wrong(const std::string& file, const char* prefix, int keys, const char* a, 
 std::vector<std::string> Entries(const std::string& folder, bool hidden = false) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    const std::string name = entry.path().filename();
-    if (!hidden || name[0] == '.') names.push_back(name);
+    if (const std::string name = entry.path().filename(); !hidden || name[0] == '.') names.push_back(name);
   }
   return names;
 }

@@ -12,16 +12,11 @@
 
 namespace {
 
-std::string Saved(const CIniFileA& ini) {
-  std::ostringstream out;
-  out << ini;
-  return out.str();
-}
+std::string Saved(const CIniFileA& ini) { return (std::ostringstream() << ini).str(); }
 
 std::string Resaved(const std::string& text) {
   CIniFileA ini;
-  std::istringstream in(text);
-  in >> ini;
+  std::istringstream(text) >> ini;
   return Saved(ini);
 }
 
@@ -80,9 +75,7 @@ TEST(IniWide, PrefixMatching) {
   std::wistringstream first(L"[A]\na=1\n");
   first >> CIniFileW::CIniMergeW(back);
   EXPECT_EQ("1 0", std::to_string(back.Load(dir / "w.ini", true)) + " " + std::to_string(back.Load(dir / "no.ini")));
-  std::wostringstream out;
-  out << back;
-  EXPECT_EQ(L"[A]\na=1\n[Server]\nName=x\nu=\u00FC\n", out.str());
+  EXPECT_EQ(L"[A]\na=1\n[Server]\nName=x\nu=\u00FC\n", (std::wostringstream() << back).str());
 }
 
 }  // namespace
