@@ -113,11 +113,9 @@ TEST_P(ProfileCacheTest, EveryChangeIsSeenByTheNextRead) {
        }},
       {"written by this process", [&] { WritePrivateProfileStringA("S", "k", "own", file.c_str()); return "own"s; }},
       {"folder removed and made again", [&] {
-         unlink(file.c_str());
-         rmdir(a.c_str());
-         mkdir(a.c_str(), 0755);
+         unlink(file.c_str()), rmdir(a.c_str()), mkdir(a.c_str(), 0755);
          WriteFile(file, "[S]\nk=again\n");
-         return std::string("again");
+         return "again"s;
        }},
       {"folder moved away, another in its place",
        [&] { rename(a.c_str(), moved.c_str()); mkdir(a.c_str(), 0755); return ""s; }},
