@@ -211,11 +211,8 @@ TEST(DurableWrites, WritesThatCannotCompleteChangeNothing) {
       if (error != (fullDisk ? ENOSPC : EFBIG)) return 1;
       return ReadWholeFile(file) != text ? 2 : Entries(folder, true).empty() ? 0 : 3;
     }));
-    if (code == 77) {
-      std::printf("no tmpfs could be mounted: the file size limit stands in for a full disk\n");
-    } else {
-      EXPECT_EQ(0, code) << (fullDisk ? "a full tmpfs" : "a file size limit");
-    }
+    if (code == 77) std::printf("no tmpfs could be mounted: the file size limit stands in for a full disk\n");
+    EXPECT_TRUE(code == 0 || code == 77) << code << (fullDisk ? " with a full tmpfs" : " with a file size limit");
   }
 }
 

@@ -66,10 +66,8 @@ TEST(JsonCommand, InvalidTextsAnswerAbsentValues) {
     JsonCommand command;
     EXPECT_FALSE(command.SetJsonString(text)) << text.substr(0, 60);
     EXPECT_EQ("|3|0|9", command.GetClientID() + command.GetFunctionName() + command.GetVersion() + "|" +
-                            std::to_string(command.GetCommandType()) + "|" +
-                            std::to_string(command.GetParameterCount()) + "|" +
-                            std::to_string(command.GetParameterType(0)))
-        << text.substr(0, 60);
+                            std::to_string(command.GetCommandType()) + "|" + std::to_string(command.GetParameterCount())
+                            + "|" + std::to_string(command.GetParameterType(0))) << text.substr(0, 60);
     EXPECT_EQ(nullptr, command.GetJsonValue("parameter"));
   }
   std::string huge = "{\"method\":\"M\",\"parameter\":[";
