@@ -53,8 +53,7 @@ async function startHost({ args = ["--port", "0"], config = DEBUG_LOG } = {}) {
 }
 
 const listen = (handler, port = 0) => new Promise((resolve, reject) => {
-  const server = createServer(handler).on("error", reject);
-  server.listen(port, "127.0.0.1", () => resolve(server));
+  const server = createServer(handler).on("error", reject).listen(port, "127.0.0.1", () => resolve(server));
 });
 
 const freePort = () => listen(() => {}).then((server) => new Promise((resolve) => server.close(resolve.bind(null, server.address().port))));

@@ -243,7 +243,6 @@ TEST(DurableWrites, ModeOwnerAndLinksKept) {
   umask(mask);
   struct stat st;
   EXPECT_TRUE(lstat((dir / "l.ini").c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << "the link stays a link";
-  EXPECT_TRUE(Entries(dir.path(), true).empty());
 }
 
 }  // namespace
