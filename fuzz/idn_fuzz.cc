@@ -15,9 +15,7 @@
 
 namespace {
 
-void Check(bool condition) {
-  if (!condition) abort();
-}
+void Check(bool condition) { if (!condition) abort(); }
 
 int Encode(const std::vector<wchar_t>& units, char* dest, int capacity, const signed char* flags,
            int* unused = nullptr, int* nonBasic = nullptr) {

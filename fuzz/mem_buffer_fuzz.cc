@@ -21,9 +21,7 @@ constexpr uint32_t kLimit = 1u << 16;
 constexpr int kUnknown = -1;  // a byte never written: gaps are not cleared
 constexpr char kCanary = '\xA5';
 
-void Check(bool ok) {
-  if (!ok) abort();
-}
+void Check(bool ok) { if (!ok) abort(); }
 
 class FuzzBuffer : public CMemBuffer {
  public:
@@ -71,9 +69,9 @@ struct Model {
 };
 
 void CheckState(const FuzzBuffer& file, const Model& model) {
-  Check(file.GetPosition() == model.position && file.GetLength() == model.length);
-  Check(file.GetCapacity() == model.Capacity() && file.HasHandle() == model.hasBuffer);
-  Check((file.Bytes() != nullptr) == model.hasBuffer);
+  Check(file.GetPosition() == model.position && file.GetLength() == model.length &&
+        file.GetCapacity() == model.Capacity() && file.HasHandle() == model.hasBuffer &&
+        (file.Bytes() != nullptr) == model.hasBuffer);
 }
 
 // Gives the storage up by Detach, DetachEx or Close.
@@ -180,12 +178,8 @@ void Step(FuzzedDataProvider& in, FuzzBuffer& file, Model& model) {
       Check((form == 0 ? file.WriteString(text.data(), length) : file.WriteString(text.c_str())) == expected);
       break;
     }
-    case 5:
-      ReadRecord(in, file, model);
-      break;
-    case 6:
-      Release(in, file, model);
-      break;
+    case 5: ReadRecord(in, file, model); break;
+    case 6: Release(in, file, model); break;
     default:
       model.fail = file.fail = !file.fail;
   }
@@ -198,8 +192,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider in(data, size);
   uint32_t growBy = in.ConsumeBool() ? in.ConsumeIntegralInRange(0u, 64u) : in.ConsumeIntegral<uint32_t>();
   FuzzBuffer file(growBy);
-  Model model;
-  model.growBy = growBy;
+  Model model{{}, growBy, 0, 0, false, false};
   for (int step = 0; step < 256 && in.remaining_bytes() > 0; ++step) Step(in, file, model);
   if (model.hasBuffer) model.Compare(0, file.Bytes(), model.Capacity());
   Release(in, file, model);

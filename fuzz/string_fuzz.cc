@@ -13,9 +13,7 @@ namespace {
 
 char Fold(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
 
-void Check(bool condition) {
-  if (!condition) abort();
-}
+void Check(bool condition) { if (!condition) abort(); }
 
 }  // namespace
 
@@ -53,10 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Check(count == CUtil::GetStringCount(text.c_str(), separator));
   if (separator != '\0') {
     std::string joined;
-    for (unsigned int i = 0; i < count; ++i) {
-      if (i != 0) joined += separator;
-      joined += fields[i];
-    }
+    for (unsigned int i = 0; i < count; ++i) joined += (i != 0 ? std::string(1, separator) : "") + fields[i];
     std::string expected = text;
     if (!expected.empty() && expected.back() == separator) expected.pop_back();
     Check(joined == expected);

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "FVASManager/Compress.h"
@@ -53,10 +54,7 @@ bool SafeToExtract(const std::string& path) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string archivePath = Root() + "/input.zip";
-  FILE* out = fopen(archivePath.c_str(), "wb");
-  if (out == nullptr) abort();
-  fwrite(data, 1, size, out);
-  fclose(out);
+  if (!std::ofstream(archivePath, std::ios::binary).write(reinterpret_cast<const char*>(data), size)) abort();
   if (!SafeToExtract(archivePath)) return 0;
 
   const std::string target = Root() + "/out";

@@ -53,14 +53,10 @@ async function startHost({ args = ["--port", "0"], config = DEBUG_LOG } = {}) {
 }
 
 const listen = (handler, port = 0) => new Promise((resolve, reject) => {
-  const server = createServer(handler).on("error", reject);
-  server.listen(port, "127.0.0.1", () => resolve(server));
+  const server = createServer(handler).on("error", reject).listen(port, "127.0.0.1", () => resolve(server));
 });
 
-const freePort = () => listen(() => {}).then((server) => new Promise((resolve) => {
-  const { port } = server.address();
-  server.close(() => resolve(port));
-}));
+const freePort = () => listen(() => {}).then((server) => new Promise((resolve) => server.close(resolve.bind(null, server.address().port))));
 
 // The page a web developer writes: it imports the client; `outcome` turns a
 // call into what the test compares (its value, or its error code, and its time).
@@ -157,10 +153,8 @@ const scenarios = {
       response.end('{"id":"connect","cmdId":"connect","result":["1","Another Service"]}');
     }, 18625);
     const host = await start({ args: [] });
-    const seen = await (await open(browser, pageOrigin)).evaluate(async () => {
-      const session = await qs.connect();
-      return [session.url, await session.qsVersion()];
-    });
+    const session = await (await open(browser, pageOrigin)).evaluateHandle(() => qs.connect());
+    const seen = await session.evaluate(async (session) => [session.url, await session.qsVersion()]);
     assert.deepEqual([host.port, asked, ...seen], [18993, 1, "http://127.0.0.1:18993/", SERVICE]);
   },
 
@@ -176,10 +170,7 @@ const scenarios = {
     const port = await freePort();
     const host = await start({ args: ["--port", String(port)] });
     const page = await open(browser, pageOrigin);
-    await page.evaluate(async (port) => {
-      window.session = await qs.connect({ ports: [port] });
-      await session.qsVersion();
-    }, port);
+    await page.evaluate(async (port) => { window.session = await qs.connect({ ports: [port] }); await session.qsVersion(); }, port);
     host.child.kill("SIGSTOP");
     const state = () => fs.readFileSync(`/proc/${host.child.pid}/stat`, "latin1").split(") ")[1][0];
     while (state() !== "T") await new Promise((resolve) => setTimeout(resolve, 10)); // until every thread has stopped
@@ -214,8 +205,7 @@ const scenarios = {
 
   // qs-host's own page, through the client it serves.
   async "status-page"({ browser, start }) {
-    const host = await start({ args: ["--port", "0", "--allow-origin", "http://app.test:8000"],
-      config: "[QS]\nEnableCORSAll=FALSE\n" });
+    const host = await start({ args: ["--port", "0", "--allow-origin", "http://app.test:8000"], config: "[QS]\nEnableCORSAll=FALSE\n" });
     const served = await fetch(`http://127.0.0.1:${host.port}/client/qs-client.js`);
     assert.equal(served.headers.get("content-type"), "text/javascript; charset=utf-8");
     assert.ok(Buffer.from(await served.arrayBuffer()).equals(CLIENT), "qs-host serves another client");

@@ -25,8 +25,6 @@ test("a binary frame goes with the answer before it; answers for no call are dro
   StandInSocket.last.frames(answer("nobody"), [7], answer(b), [1, 2], answer(a), "not JSON", [8], answer(d),
     answer(c, { exception: -2408, description: "User SID is empty." }), [3]);
   const [ra, rb, rc, rd] = await calls;
-  assert.deepEqual([ra, rb, rd].map(({ value }) => [value.result[0], value.data && [...value.data]]),
-    [[a, null], [b, [1, 2]], [d, null]]);
-  assert.deepEqual([rc.reason.code, rc.reason.message, [...rc.reason.answer.data]],
-    ["command-error", "C: User SID is empty. (-2408)", [3]]);
+  assert.deepEqual([ra, rb, rd].map(({ value }) => [value.result[0], value.data && [...value.data]]), [[a, null], [b, [1, 2]], [d, null]]);
+  assert.deepEqual([rc.reason.code, rc.reason.message, [...rc.reason.answer.data]], ["command-error", "C: User SID is empty. (-2408)", [3]]);
 });

@@ -21,6 +21,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "FVASManager/host_callbacks.h"
@@ -63,11 +64,9 @@ extern "C" {
 int DoAction(int action, char const*, char const*, int) {
   if (action == 3) {
     // Answers still travelling on threads of this module end first.
-    std::vector<std::thread> threads;
-    {
-      std::lock_guard<std::mutex> hold(g_lock);
-      threads.swap(g_threads);
-    }
+    std::unique_lock<std::mutex> hold(g_lock);
+    std::vector<std::thread> threads = std::exchange(g_threads, {});
+    hold.unlock();
     for (auto& thread : threads) thread.join();
   }
   Log("DoAction " + std::to_string(action));

@@ -18,12 +18,7 @@ using Bytes = std::vector<unsigned char>;
 // A packed bitmap in a tracked block: header, then `rest` (colour table or
 // masks), then the pixels.
 void* MakeDib(int width, int height, int bits, void (*change)(BITMAPINFOHEADER&), const Bytes& rest) {
-  BITMAPINFOHEADER h{};
-  h.biSize = 40;
-  h.biWidth = width;
-  h.biHeight = height;
-  h.biPlanes = 1;
-  h.biBitCount = static_cast<uint16_t>(bits);
+  BITMAPINFOHEADER h{40, width, height, 1, static_cast<uint16_t>(bits)};
   if (change != nullptr) change(h);
   auto* block = static_cast<unsigned char*>(GlobalAlloc(GMEM_ZEROINIT, sizeof(h) + rest.size()));
   memcpy(block, &h, sizeof(h));
@@ -48,11 +43,7 @@ std::string Normalised(void* dib) {
 }
 
 TEST(CreateNormalDIB, NormalisesOrRefuses) {
-  const struct {
-    const char* what;
-    void* dib;
-    std::string expected;
-  } rows[] = {
+  const struct { const char* what; void* dib; std::string expected; } rows[] = {
       // 24 bits: rows of 6 bytes padded to 8, already bottom-up; the image size is filled in.
       {"true colour", MakeDib(2, 2, 24, nullptr, {1, 2, 3, 4, 5, 6, 0, 0, 7, 8, 9, 10, 11, 12, 0, 0}),
        "h=2 size=16: 1 2 3 4 5 6 0 0 7 8 9 10 11 12 0 0"},

@@ -12,16 +12,11 @@
 
 namespace {
 
-std::string Saved(const CIniFileA& ini) {
-  std::ostringstream out;
-  out << ini;
-  return out.str();
-}
+std::string Saved(const CIniFileA& ini) { return (std::ostringstream() << ini).str(); }
 
 std::string Resaved(const std::string& text) {
   CIniFileA ini;
-  std::istringstream in(text);
-  in >> ini;
+  std::istringstream(text) >> ini;
   return Saved(ini);
 }
 
@@ -45,9 +40,8 @@ TEST(IniText, LoadRulesShownByTheSavedText) {
 
 TEST(IniText, MergingAndEditing) {
   CIniFileA ini;
-  std::istringstream first("[A]\nk=1\nonly=a\n"), more("[a]\nK=3\nnew=n\n[B]\nb=1\n");
-  first >> ini;
-  more >> CIniFileA::CIniMergeA(ini);
+  std::istringstream("[A]\nk=1\nonly=a\n") >> ini;
+  std::istringstream("[a]\nK=3\nnew=n\n[B]\nb=1\n") >> CIniFileA::CIniMergeA(ini);
   EXPECT_EQ("[A]\nk=3\nnew=n\nonly=a\n[B]\nb=1\n", Saved(ini));
   EXPECT_EQ("dflt", ini.GetKeyValue("A", "missing", "dflt"));
   EXPECT_FALSE(ini.RenameSection("A", "b")) << "a name that exists, case-blind";
@@ -57,8 +51,7 @@ TEST(IniText, MergingAndEditing) {
   ini.RemoveSection("b");
   ini.GetSection("C")->RemoveKey("NEW");
   EXPECT_EQ("[C]\nk2=3\nonly=a\n", Saved(ini));
-  std::istringstream replace("[D]\nd=1\n");
-  replace >> ini;
+  std::istringstream("[D]\nd=1\n") >> ini;
   EXPECT_EQ("[D]\nd=1\n", Saved(ini)) << "a plain load starts afresh";
 }
 
@@ -66,8 +59,7 @@ TEST(IniText, MergingAndEditing) {
 // matters and a prefix counts as equal.
 TEST(IniWide, PrefixMatching) {
   CIniFileW wide;
-  std::wistringstream in(L"[Server]\nName=x\n");
-  in >> wide;
+  std::wistringstream(L"[Server]\nName=x\n") >> wide;
   EXPECT_EQ(nullptr, wide.GetSection(L"server"));
   EXPECT_EQ(L"x", wide.GetKeyValue(L"Serv", L"Na"));
   EXPECT_EQ(L"Server", wide.AddSection(L"Se")->GetSectionName());
@@ -77,12 +69,9 @@ TEST(IniWide, PrefixMatching) {
   ASSERT_TRUE(wide.Save(dir / "w.ini"));
   EXPECT_EQ("[Server]\nName=x\nu=\xC3\xBC\n", qs_test::ReadWholeFile(dir / "w.ini"));
   CIniFileW back;
-  std::wistringstream first(L"[A]\na=1\n");
-  first >> CIniFileW::CIniMergeW(back);
+  std::wistringstream(L"[A]\na=1\n") >> CIniFileW::CIniMergeW(back);
   EXPECT_EQ("1 0", std::to_string(back.Load(dir / "w.ini", true)) + " " + std::to_string(back.Load(dir / "no.ini")));
-  std::wostringstream out;
-  out << back;
-  EXPECT_EQ(L"[A]\na=1\n[Server]\nName=x\nu=\u00FC\n", out.str());
+  EXPECT_EQ(L"[A]\na=1\n[Server]\nName=x\nu=\u00FC\n", (std::wostringstream() << back).str());
 }
 
 }  // namespace

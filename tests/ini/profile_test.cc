@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 
@@ -23,30 +23,27 @@ namespace {
 using qs_test::ReadWholeFile;
 using qs_test::TempDir;
 using qs_test::WriteFile;
+using namespace std::string_literals;
 
+// The value read; with `length`, followed by "|" and the length returned.
 std::string Read(const std::string& file, const char* section, const char* key, const char* def = "",
-                 unsigned int size = 64, unsigned int* length = nullptr) {
+                 unsigned int size = 64, bool length = false) {
   std::string buffer(size, '#');
   const unsigned int n = GetPrivateProfileStringA(section, key, def, &buffer[0], size, file.c_str());
-  if (length != nullptr) *length = n;
-  return std::string(buffer.c_str());
+  return std::string(buffer.c_str()) + (length ? "|" + std::to_string(n) : "");
 }
 
 TEST(ProfileStrings, BoundedCopyLengthsDefaultsAndRewrites) {
   TempDir dir;
   const std::string file = dir / "a.ini";
   WriteFile(file, "#comment\n[A]\nB=xyz\nk=\n");
-  unsigned int length = 0;
-  EXPECT_EQ("xyz", Read(file, "a", "b", "", 10, &length));
-  EXPECT_EQ(3u, length);
+  EXPECT_EQ("xyz|3", Read(file, "a", "b", "", 10, true));
   char buffer[3] = {'#', '#', '#'};
   EXPECT_EQ(3u, GetPrivateProfileStringA("a", "b", "", buffer, 3, file.c_str())) << "the whole value's length";
   EXPECT_EQ(std::string("x\0#", 3), std::string(buffer, 3)) << "size - 2 characters; the last byte not written";
-  EXPECT_EQ("0", Read(file, "A", "missing", "0", 64, &length));
-  EXPECT_EQ(1u, length);
+  EXPECT_EQ("0|1", Read(file, "A", "missing", "0", 64, true));
   EXPECT_EQ("other", Read(file, "A", "missing", "other")) << "a repeated lookup takes the default it is given";
-  EXPECT_EQ("", Read(file, "A", "k", "0", 64, &length));
-  EXPECT_EQ(0u, length);
+  EXPECT_EQ("|0", Read(file, "A", "k", "0", 64, true));
   EXPECT_EQ("dflt", Read(dir / "none.ini", "S", "k", "dflt")) << "a missing file reads as empty";
   // A write rewrites the whole file in the document's format; stored
   // spellings stay; a folder that does not exist gets nothing.
@@ -71,10 +68,7 @@ INSTANTIATE_TEST_SUITE_P(Both, ProfileCacheTest, testing::Values(true, false),
 
 void InChild(const std::function<void()>& change) {
   const pid_t child = fork();
-  if (child == 0) {
-    change();
-    _exit(0);
-  }
+  if (child == 0) change(), _exit(0);
   waitpid(child, nullptr, 0);
 }
 
@@ -86,12 +80,8 @@ TEST_P(ProfileCacheTest, EveryChangeIsSeenByTheNextRead) {
   const std::pair<const char*, std::function<std::string()>> scenarios[] = {
       // Same size, by another process, within the clock tick of the last read.
       {"same-size edit by another process", [&] {
-         InChild([&] {
-           FILE* f = fopen(file.c_str(), "r+");
-           fwrite("[S]\nk=after!\n", 1, 13, f);
-           fclose(f);
-         });
-         return std::string("after!");
+         InChild([&] { std::fstream(file, std::ios::in | std::ios::out) << "[S]\nk=after!\n"; });  // in place
+         return "after!"s;
        }},
       // By hand, with the old modification time put back.
       {"edit with the old stamp", [&] {
@@ -104,19 +94,14 @@ TEST_P(ProfileCacheTest, EveryChangeIsSeenByTheNextRead) {
        }},
       {"renamed over", [&] {
          WriteFile(dir / "next.ini", "[S]\nk=next\n");
-         rename((dir / "next.ini").c_str(), file.c_str());
-         return std::string("next");
+         return rename((dir / "next.ini").c_str(), file.c_str()), std::string("next");
        }},
       // Vanished, or unreadable, between two lookups: the next one reads as
       // empty, and what it found is not kept once a file is back.
       {"deleted", [&] { unlink(file.c_str()); return std::string(); }},
       {"a folder in its place", [&] { unlink(file.c_str()); mkdir(file.c_str(), 0755); return std::string(); }},
       {"a FIFO in its place", [&] { unlink(file.c_str()); mkfifo(file.c_str(), 0644); return std::string(); }},
-      {"a dangling link in its place", [&] {
-         unlink(file.c_str());
-         symlink("nowhere", file.c_str());
-         return std::string();
-       }},
+      {"a dangling link in its place", [&] { unlink(file.c_str()); symlink("nowhere", file.c_str()); return ""s; }},
       {"moved away", [&] { rename(file.c_str(), (dir / "elsewhere.ini").c_str()); return std::string(); }},
       // The child's own reads start afresh and see its change.
       {"changed by a child forked after the read", [&] {
@@ -126,22 +111,14 @@ TEST_P(ProfileCacheTest, EveryChangeIsSeenByTheNextRead) {
          });
          return std::string("child");
        }},
-      {"written by this process", [&] {
-         WritePrivateProfileStringA("S", "k", "own", file.c_str());
-         return std::string("own");
-       }},
+      {"written by this process", [&] { WritePrivateProfileStringA("S", "k", "own", file.c_str()); return "own"s; }},
       {"folder removed and made again", [&] {
-         unlink(file.c_str());
-         rmdir(a.c_str());
-         mkdir(a.c_str(), 0755);
+         unlink(file.c_str()), rmdir(a.c_str()), mkdir(a.c_str(), 0755);
          WriteFile(file, "[S]\nk=again\n");
-         return std::string("again");
+         return "again"s;
        }},
-      {"folder moved away, another in its place", [&] {
-         rename(a.c_str(), moved.c_str());
-         mkdir(a.c_str(), 0755);
-         return std::string();
-       }},
+      {"folder moved away, another in its place",
+       [&] { rename(a.c_str(), moved.c_str()); mkdir(a.c_str(), 0755); return ""s; }},
   };
   for (const auto& scenario : scenarios) {
     mkdir(a.c_str(), 0755);

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -67,10 +66,8 @@ TEST(JsonCommand, InvalidTextsAnswerAbsentValues) {
     JsonCommand command;
     EXPECT_FALSE(command.SetJsonString(text)) << text.substr(0, 60);
     EXPECT_EQ("|3|0|9", command.GetClientID() + command.GetFunctionName() + command.GetVersion() + "|" +
-                            std::to_string(command.GetCommandType()) + "|" +
-                            std::to_string(command.GetParameterCount()) + "|" +
-                            std::to_string(command.GetParameterType(0)))
-        << text.substr(0, 60);
+                            std::to_string(command.GetCommandType()) + "|" + std::to_string(command.GetParameterCount())
+                            + "|" + std::to_string(command.GetParameterType(0))) << text.substr(0, 60);
     EXPECT_EQ(nullptr, command.GetJsonValue("parameter"));
   }
   std::string huge = "{\"method\":\"M\",\"parameter\":[";
@@ -115,14 +112,13 @@ std::string AllConversions(const Json::Value* v) {
   std::string t = "-";
   std::map<std::string, Json::Value*> members;
   std::ostringstream line;
-  line << JsonCommand::ConvertInt(v) << " " << JsonCommand::ConvertInt(v, &i) << ":" << i;
-  line << " " << JsonCommand::ConvertShort(v, &s) << ":" << s << " " << JsonCommand::ConvertUInt(v, &u) << ":" << u;
-  line << " " << JsonCommand::ConvertInt64(v) << " " << JsonCommand::ConvertDouble(v);
-  line << " " << JsonCommand::ConvertDouble(v, &d) << ":" << d << " " << int(JsonCommand::ConvertBOOL(v));
-  line << " " << JsonCommand::ConvertBOOL(v, &b) << ":" << int(b) << " " << JsonCommand::ConvertUChar(v, &c) << ":"
-       << int(c);
-  line << " " << JsonCommand::ConvertString(v, &t) << ":" << t;
-  line << " " << JsonCommand::ConvertIntArray(v, &numbers, &count) << ":" << count;
+  line << JsonCommand::ConvertInt(v) << " " << JsonCommand::ConvertInt(v, &i) << ":" << i << " "
+       << JsonCommand::ConvertShort(v, &s) << ":" << s << " " << JsonCommand::ConvertUInt(v, &u) << ":" << u << " "
+       << JsonCommand::ConvertInt64(v) << " " << JsonCommand::ConvertDouble(v) << " "
+       << JsonCommand::ConvertDouble(v, &d) << ":" << d << " " << int(JsonCommand::ConvertBOOL(v)) << " "
+       << JsonCommand::ConvertBOOL(v, &b) << ":" << int(b) << " " << JsonCommand::ConvertUChar(v, &c) << ":" << int(c)
+       << " " << JsonCommand::ConvertString(v, &t) << ":" << t << " "
+       << JsonCommand::ConvertIntArray(v, &numbers, &count) << ":" << count;
   for (int n = 0; n < count; ++n) line << (n == 0 ? ":" : "+") << numbers[n];
   line << " " << JsonCommand::ConvertObject(v, &members) << ":" << members.size();
   for (auto& member : members) delete member.second;
