@@ -3,6 +3,7 @@
 // targets check as properties (the memory buffer against a model, IDN size
 // queries and capacities, the scanners' invariants) is not repeated here.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -10,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/global_memory.h"
@@ -47,6 +49,31 @@ TEST(CUtilText, ScannersAndEditors) {
   CUtil::TrimWindowsFileName(path);
   EXPECT_STREQ("/opt/q/", path);
   EXPECT_EQ(3, CUtil::ReverseFindChar("a/b/c", '/'));
+  CUtil::ReplaceChar(path, '/', '\\');
+  EXPECT_STREQ("\\opt\\q\\", path);
+  std::string narrow = "xaxa";  // the search resumes after each inserted replacement
+  std::wstring wide = L"xaxa";
+  CUtil::find_and_replace(narrow, "a", "aa");
+  CUtil::find_and_replace(wide, L"xa", L"y");
+  EXPECT_EQ("xaaxaa", narrow);
+  EXPECT_EQ(L"yy", wide);
+  const char* xabc = "xabc";  // a negative start copies nothing, not even the byte before
+  char sub[3][8] = {"zz", "zz", "zz"};
+  CUtil::SubString("abcdef", 2, 3, sub[0]), CUtil::SubString(xabc + 1, -1, 2, sub[1]), CUtil::SubString("ab", 1, 0, sub[2]);
+  EXPECT_EQ("cde||", std::string(sub[0]) + "|" + sub[1] + "|" + sub[2]);
+  EXPECT_EQ((std::vector<int>{3, -1, -1, -1, 2, 2, -1, -1}),
+            (std::vector<int>{CUtil::Find("abca", 'a', 1), CUtil::Find(nullptr, 'a', 0), CUtil::Find("abc", 'a', -1),
+                              CUtil::Find("abc", 'a', 3), CUtil::FindFirstNumPos("ab0", 3),
+                              CUtil::FindFirstNumPos("ab9", 9), CUtil::FindFirstNumPos("ab1", 2),
+                              CUtil::FindFirstNumPos(nullptr, 1)}));
+  const auto* digits = reinterpret_cast<const unsigned char*>("12a");
+  const std::string abc = "abc", abd = "abd";  // two distinct buffers
+  EXPECT_EQ((std::vector<bool>{false, true, false, true, true, true, false, false, false}),
+            (std::vector<bool>{CUtil::AllIsNumber(nullptr, 1), CUtil::AllIsNumber(digits, 2),
+                               CUtil::AllIsNumber(digits, 3), CUtil::AllIsNumber(digits + 2, 0),
+                               CUtil::CompareMemory(nullptr, "a", 0), CUtil::CompareMemory(abc.data(), abd.data(), 2),
+                               CUtil::CompareMemory(abc.data(), abd.data(), 3), CUtil::CompareMemory(nullptr, "a", 1),
+                               CUtil::CompareMemory("a", nullptr, 1)}));
 
   // Fields are blocks of their own (length + 1), an empty last field is not one.
   char** fields = nullptr;
@@ -93,9 +120,17 @@ TEST(CUtilNumbers, UuidsVersionsHexDecimalsAndImageTypes) {
            {"--12x", 0}, {"x12", 0}, {"-7", -7}, {"12x", 12}, {"123", 123}, {"-12x3", -12}}) {
     EXPECT_EQ(value, CUtil::atol(digits)) << digits;
   }
-  EXPECT_EQ("0 0 -3002", std::to_string(CUtil::IsWow64()) + " " +
+  EXPECT_EQ("0 0 -3002 2.500000", std::to_string(CUtil::IsWow64()) + " " +
                              std::to_string(CUtil::TransferSystemErrorCodeToFolivantErrorCode(0)) + " " +
-                             std::to_string(CUtil::TransferSystemErrorCodeToFolivantErrorCode(2)));
+                             std::to_string(CUtil::TransferSystemErrorCodeToFolivantErrorCode(2)) + " " +
+                             std::to_string(CUtil::atof("2.5")));
+  const _SYSTEMTIME now = CUtil::GetLocalTime();
+  EXPECT_TRUE(now.wYear >= 2024 && now.wMonth >= 1 && now.wMonth <= 12 && now.wDay >= 1 && now.wMilliseconds == 0);
+  pthread_t worker;  // joined: what the thread wrote is there
+  int done = 0;
+  ASSERT_EQ(0, pthread_create(&worker, nullptr, [](void* flag) -> void* { return *static_cast<int*>(flag) = 1, nullptr; }, &done));
+  CUtil::WaitForThreadDone(&worker, 0), CUtil::WaitForThreadDone(nullptr, 0);
+  EXPECT_EQ(1, done);
   const std::pair<std::string, int> sniffed[] = {
       {"\xFF\xD8..", 1}, {"\x89PNG", 3}, {"BM..", 0}, {std::string("MM\0*", 4), 2}, {std::string("II*\0", 4), 2},
       {"%PdF", 4}, {"GIF89a", 6}, {"GIF87a", 6}, {"GIF88a", -1}, {"GIF8", -1}, {"\xFF\xD8.", -1}, {"\x89PNx", -1},
@@ -115,6 +150,22 @@ TEST(CUtilWide, Replacements) {
   std::string back;
   CUtil::UnicodeToUTF8(invalid, back);
   EXPECT_EQ("x\xEF\xBF\xBD", back);
+  CUtil::UTF8toUnicode("ab\xC3\xBC" "c", 4, wide);
+  EXPECT_EQ(L"ab\u00FC", wide) << "the length cuts; the earlier text is replaced";
+  CUtil::UTF8toUnicode(nullptr, 3, wide);
+  EXPECT_TRUE(wide.empty());
+  // Blocks: a copy with its terminator, and 3 zeroed wide characters per byte.
+  char* copy = CUtil::UTF8ToAscii("h\xC3\xA9");
+  wchar_t* block = CUtil::ConvertUTF8toUnicode("a\xC3\xBC", 3);
+  EXPECT_EQ(std::string("h\xC3\xA9", 4), std::string(copy, GlobalSize(copy)));
+  EXPECT_EQ(std::wstring(L"a\u00FC\0", 3), std::wstring(block, 3));
+  EXPECT_EQ(3 * 3 * sizeof(wchar_t), GlobalSize(block));
+  GlobalFree(copy), GlobalFree(block);
+  EXPECT_EQ(nullptr, CUtil::ConvertUTF8toUnicode("a", 0));
+  EXPECT_EQ(nullptr, CUtil::UTF8ToAscii(nullptr));
+  unsigned char bytes[8] = "zzzzzzz";  // the unsigned overloads
+  EXPECT_EQ(3u, strlen(lstrcpyn(bytes, "abcdef", 4)));
+  EXPECT_STREQ("xy", reinterpret_cast<char*>(lstrcpyn(bytes, reinterpret_cast<const unsigned char*>("xyz"), 3)));
 }
 
 TEST(CUtilFiles, FoldersCopiesAndCodes) {
@@ -131,16 +182,45 @@ TEST(CUtilFiles, FoldersCopiesAndCodes) {
   EXPECT_TRUE(CUtil::CopyDirectoryFiles((dir / "a/").c_str(), (dir / "to").c_str(), 1));
   EXPECT_TRUE(qs_test::IsFolder(dir / "to/b"));
   EXPECT_FALSE(PathExists(dir / "to/b/deep.txt"));
+  // Folders that cannot be made under a file, for a file and for a sub-folder.
+  EXPECT_FALSE(CUtil::CopyDirectoryFiles((dir / "a/b").c_str(), (dir / "blocker/x").c_str(), 0));
+  EXPECT_FALSE(CUtil::CopyDirectoryFiles((dir / "a").c_str(), (dir / "blocker/x").c_str(), 1));
+  for (const auto& [path, isFile, code] : std::vector<std::tuple<std::string, int, long>>{
+           {"none", 1, -3002}, {"none", 0, -3003}, {"a", 1, -2418}, {"blocker", 0, -1017}, {"blocker", 1, 0}, {"a", 0, 0}}) {
+    EXPECT_EQ(code, CUtil::FileFolderExists((dir / path).c_str(), isFile, 1)) << path << isFile;
+  }
   EXPECT_TRUE(CUtil::DeleteDirectory((dir / "a").c_str(), 1));
-  EXPECT_EQ(descriptors, qs_test::OpenDescriptors()) << "every folder read is closed";
   EXPECT_FALSE(PathExists(dir / "a"));
   EXPECT_FALSE(CUtil::DeleteDirectory((dir / "a").c_str(), 1));
+  EXPECT_FALSE(CUtil::DeleteDirectory("/proc/self/task", 0)) << "its entries cannot be removed";
   const unsigned char hello[] = {'h', 'e', 'l', 'l', 'o'};
   const std::string saved = dir / "new/f.bin";
   EXPECT_EQ(0, CUtil::SaveDataToFileInner(saved.c_str(), hello, 5, 0));
   EXPECT_EQ(0, CUtil::SaveDataToFileInner(saved.c_str(), hello, 2, 3)) << "an offset writes into the file";
   EXPECT_EQ("helhe", qs_test::ReadWholeFile(saved));
   EXPECT_EQ(16, CUtil::SaveDataToFileInner((dir / "absent").c_str(), hello, 5, 2)) << "an offset needs the file";
+  EXPECT_EQ(0, CUtil::SaveDataToFileInner(saved.c_str(), hello + 3, 2, 0)) << "no offset: the file is replaced";
+  const size_t blocks = gmapMemSize.size();
+  unsigned int size = 99;
+  long error = 99, missing = 99, folder = 99;
+  unsigned char* loaded = CUtil::LoadFileToMemoryInner(saved.c_str(), &size, &error);
+  EXPECT_EQ("lo 2 0", std::string(reinterpret_cast<char*>(loaded), size) + " " + std::to_string(size) + " " +
+                          std::to_string(error));
+  GlobalFree(loaded), GlobalFree(CUtil::LoadFileToMemoryInner(saved.c_str(), nullptr, nullptr));
+  EXPECT_EQ(nullptr, CUtil::LoadFileToMemoryInner((dir / "none").c_str(), nullptr, &missing));
+  EXPECT_EQ(nullptr, CUtil::LoadFileToMemoryInner(dir.path().c_str(), nullptr, &folder)) << "a folder cannot be read";
+  EXPECT_EQ("16 16", std::to_string(missing) + " " + std::to_string(folder));
+  EXPECT_EQ(blocks, gmapMemSize.size()) << "a failed read frees its block";
+  EXPECT_EQ(descriptors, qs_test::OpenDescriptors()) << "every folder and file read is closed";
+  // Members kept for the shared interface: no application folder, so "/Quintaris/".
+  char resources[1024];
+  unsigned char* none = nullptr;
+  int length = 0;
+  CUtil::GetResourcePath(resources);
+  EXPECT_EQ("/Quintaris/ 0 0 0 0", std::string(resources) + " " + std::to_string(CUtil::GetAppliationFolder(resources, 0)) +
+                                       " " + std::to_string(CUtil::GetFileSize(saved.c_str())) + " " +
+                                       std::to_string(CUtil::ReadFileByName(saved.c_str(), &none, &length)) + " " +
+                                       std::to_string(CUtil::ReadFile(nullptr, &none, &length)));
 }
 
 // ---- The memory buffer -------------------------------------------------------------
@@ -179,6 +259,20 @@ TEST(MemBuffer, ExportedLayoutAndVirtualSlots) {
   unsigned int prefix = 0;
   file.Read(&prefix, 4);
   EXPECT_EQ(3u, prefix) << "a 4-byte length, then the bytes";
+  // Over a caller's block: without growth its bytes are the file, and Close frees it.
+  auto* block = static_cast<unsigned char*>(GlobalAlloc(0, 9));
+  memcpy(block, "\5\0\0\0abcde", 9);
+  char text[4] = "zzz";
+  {
+    CMemBuffer view(block, 9, 1, 0);
+    EXPECT_TRUE(view.ReadString(text, 1, 2));
+    EXPECT_EQ("zab 6", std::string(text) + " " + std::to_string(view.GetPosition())) << "the rest stays unread";
+  }
+  EXPECT_EQ(0u, gmapMemSize.count(block));
+  unsigned char storage[8];
+  EXPECT_EQ((std::vector<unsigned>{0, 0, 8}),
+            (std::vector<unsigned>{fixed.Attach(nullptr, 8, 0, 0), fixed.Attach(storage, 8, 0, 4), fixed.GetCapacity()}))
+      << "a null block has no bytes; with growth the file starts empty";
 }
 
 // ---- Punycode and IDN ------------------------------------------------------------------
