@@ -3,7 +3,6 @@
 // targets check as properties (the memory buffer against a model, IDN size
 // queries and capacities, the scanners' invariants) is not repeated here.
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <unistd.h>
 #include <utf8cpp/utf8.h>
 
@@ -100,15 +99,11 @@ TEST(CUtilNumbers, UuidsVersionsHexDecimalsAndImageTypes) {
       {0, CUtil::ConvertBinaryArrayToHexStr(nullptr, 2, text)}, {0, CUtil::atol("--12x")}, {0, CUtil::atol("x12")},
       {-7, CUtil::atol("-7")}, {12, CUtil::atol("12x")}, {123, CUtil::atol("123")}, {-12, CUtil::atol("-12x3")},
       {0, CUtil::IsWow64()}, {0, CUtil::TransferSystemErrorCodeToFolivantErrorCode(0)},
-      {-3002, CUtil::TransferSystemErrorCodeToFolivantErrorCode(2)}, {25, static_cast<long>(CUtil::atof("2.5") * 10)}};
+      {-3002, CUtil::TransferSystemErrorCodeToFolivantErrorCode(2)}, {25, static_cast<long>(CUtil::atof("2.5") * 10)},
+      {1, CUtil::GetLocalTime().wYear >= 2024}, {0, CUtil::GetLocalTime().wMilliseconds}};
   for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(rows[i].first, rows[i].second) << "row " << i;
   EXPECT_STREQ("1AF0", text);
-  const _SYSTEMTIME now = CUtil::GetLocalTime();
-  pthread_t worker;  // joined: what the thread wrote is there
-  int done = 0;
-  ASSERT_EQ(0, pthread_create(&worker, nullptr, [](void* f) -> void* { return *static_cast<int*>(f) = 1, nullptr; }, &done));
-  CUtil::WaitForThreadDone(&worker, 0), CUtil::WaitForThreadDone(nullptr, 0);
-  EXPECT_TRUE(done == 1 && now.wYear >= 2024 && now.wMonth >= 1 && now.wMonth <= 12 && now.wMilliseconds == 0);
+  CUtil::WaitForThreadDone(nullptr, 0);  // no thread: nothing to join
   const std::pair<std::string, int> sniffed[] = {
       {"\xFF\xD8..", 1}, {"\x89PNG", 3}, {"BM..", 0}, {std::string("MM\0*", 4), 2}, {std::string("II*\0", 4), 2},
       {"%PdF", 4}, {"GIF89a", 6}, {"GIF87a", 6}, {"GIF88a", -1}, {"GIF8", -1}, {"\xFF\xD8.", -1}, {"\x89PNx", -1},
@@ -145,8 +140,7 @@ TEST(CUtilWide, Replacements) {
 TEST(CUtilFiles, FoldersCopiesAndCodes) {
   TempDir dir;
   EXPECT_TRUE(CUtil::CreateDirectory((dir / "a/b/c.txt").c_str())) << "the folders before the file name";
-  EXPECT_TRUE(qs_test::IsFolder(dir / "a/b"));
-  EXPECT_FALSE(PathExists(dir / "a/b/c.txt"));
+  EXPECT_TRUE(qs_test::IsFolder(dir / "a/b") && !PathExists(dir / "a/b/c.txt"));
   WriteFile(dir / "blocker", "x");
   EXPECT_FALSE(CUtil::CreateDirectory((dir / "blocker/sub/f").c_str()));
   // The copy goes through CopyFile, whose successful read writes nothing:
@@ -155,8 +149,7 @@ TEST(CUtilFiles, FoldersCopiesAndCodes) {
   const long descriptors = qs_test::OpenDescriptors();
   const size_t blocks = gmapMemSize.size();
   EXPECT_TRUE(CUtil::CopyDirectoryFiles((dir / "a/").c_str(), (dir / "to").c_str(), 1));
-  EXPECT_TRUE(qs_test::IsFolder(dir / "to/b"));
-  EXPECT_FALSE(PathExists(dir / "to/b/deep.txt"));
+  EXPECT_TRUE(qs_test::IsFolder(dir / "to/b") && !PathExists(dir / "to/b/deep.txt"));
   // Folders that cannot be made under a file, for a file and for a sub-folder.
   EXPECT_FALSE(CUtil::CopyDirectoryFiles((dir / "a/b").c_str(), (dir / "blocker/x").c_str(), 0) ||
                CUtil::CopyDirectoryFiles((dir / "a").c_str(), (dir / "blocker/x").c_str(), 1));
@@ -164,8 +157,7 @@ TEST(CUtilFiles, FoldersCopiesAndCodes) {
            {"none", 1, -3002}, {"none", 0, -3003}, {"a", 1, -2418}, {"blocker", 0, -1017}, {"blocker", 1, 0}, {"a", 0, 0}}) {
     EXPECT_EQ(code, CUtil::FileFolderExists((dir / path).c_str(), isFile, 1)) << path << isFile;
   }
-  EXPECT_TRUE(CUtil::DeleteDirectory((dir / "a").c_str(), 1));
-  EXPECT_FALSE(PathExists(dir / "a"));
+  EXPECT_TRUE(CUtil::DeleteDirectory((dir / "a").c_str(), 1) && !PathExists(dir / "a"));
   EXPECT_FALSE(CUtil::DeleteDirectory((dir / "a").c_str(), 1) || CUtil::DeleteDirectory("/proc/self/task", 0))
       << "gone, or entries that cannot be removed";
   const unsigned char hello[] = {'h', 'e', 'l', 'l', 'o'};
@@ -220,19 +212,31 @@ TEST(MemBuffer, ExportedLayoutAndVirtualSlots) {
   EXPECT_TRUE(file.WriteString("abc"));
   EXPECT_TRUE(file.WriteString("defghijklmnopqrstu"));
   EXPECT_EQ("WAWWWR", file.calls.substr(0, 6)) << "records go through Write, growth through Alloc and Realloc";
-  // Over a caller's block: without growth its bytes are the file (a 4-byte
-  // length, then the bytes), and Close frees it.
-  auto* block = static_cast<unsigned char*>(GlobalAlloc(0, 9));
-  char text[4] = "zzz";
-  unsigned char storage[8];
-  memcpy(block, "\5\0\0\0abcde", 9);
+  // Records over a caller's block ("abc", "", a length of 9 with 2 bytes left):
+  // without growth its bytes are the file, and Close frees it.
+  auto* block = static_cast<unsigned char*>(GlobalAlloc(0, 17));
+  memcpy(block, "\3\0\0\0abc\0\0\0\0\x09\0\0\0xy", 17);
   {
-    CMemBuffer view(block, 9, 1, 0);
-    EXPECT_TRUE(view.ReadString(text, 1, 2));
-    EXPECT_EQ("zab 6", std::string(text) + " " + std::to_string(view.GetPosition())) << "the rest stays unread";
+    CMemBuffer view(block, 17, 1, 0);
+    auto read = [&view](int at, bool allocate, int offset, int max) {
+      char buffer[8] = "#######", *text = allocate ? nullptr : buffer;
+      view.Seek(at, 0);
+      std::string out = std::to_string(view.ReadStringEx(&text, offset, max));
+      out += text == nullptr ? " null" : " " + std::string(text) + (allocate ? std::to_string(GlobalSize(text)) : "");
+      return GlobalFree(allocate ? text : nullptr), out + " @" + std::to_string(view.GetPosition());
+    };
+    // A new block only unbounded at offset 0; a bounded read leaves the rest unread
+    // and terminates nothing; a length beyond the bytes left fails before any copy.
+    const struct { int at; bool allocate; int offset, max; const char* result; } rows[] = {
+        {0, 1, 0, -1, "1 abc4 @7"}, {7, 1, 0, -1, "1 null @11"}, {0, 1, 1, -1, "0 null @4"}, {0, 1, 0, 2, "0 null @4"},
+        {0, 0, 1, -1, "1 #abc### @7"}, {0, 0, 0, 2, "1 ab##### @6"}, {0, 0, 0, 9, "1 abc#### @7"},
+        {7, 0, 0, 0, "1 ####### @11"}, {11, 0, 0, -1, "0 ####### @15"}, {11, 1, 0, -1, "0 null @15"},
+        {0, 0, -1, -1, "0 ####### @0"}, {0, 0, 0, -2, "0 ####### @0"}};
+    for (const auto& r : rows) EXPECT_EQ(r.result, read(r.at, r.allocate, r.offset, r.max)) << r.at << r.offset << r.max;
   }
   EXPECT_EQ(0u, gmapMemSize.count(block));
   CMemBuffer reuse(0);  // a null block has no bytes; with growth the file starts empty
+  unsigned char storage[8];
   EXPECT_EQ((std::vector<unsigned>{0, 0, 8}),
             (std::vector<unsigned>{reuse.Attach(nullptr, 8, 0, 0), reuse.Attach(storage, 8, 0, 4), reuse.GetCapacity()}));
 }
@@ -308,10 +312,7 @@ TEST(IdnToAscii, LabelRulesAndThe1024ByteLabel) {
   // "aa" + 344 ideographs encode to exactly 1024 bytes, 346 to 1025.
   for (const int ideographs : {344, 346}) {
     std::string utf8 = ideographs == 344 ? "aa" : "";
-    for (unsigned i = 0; i < static_cast<unsigned>(ideographs); ++i) {
-      const unsigned cp = 0x4E00 + i * 7919u % 20000u;
-      utf8 += {char(0xE0 | (cp >> 12)), char(0x80 | ((cp >> 6) & 0x3F)), char(0x80 | (cp & 0x3F))};
-    }
+    for (int i = 0; i < ideographs; ++i) utf8::append(0x4E00 + i * 7919u % 20000u, std::back_inserter(utf8));
     EXPECT_EQ(ideographs == 344, Idn(utf8) != "<fail>") << ideographs;
   }
 }
