@@ -38,13 +38,11 @@ TEST(CUtil, ScannersEditorsNumbersAndWideText) {
       {"abcabc", "a", 1, 1000, 1, 3},  // a range past the end stops at the terminator
   };
   for (const auto& f : finds) EXPECT_EQ(f.pos, CUtil::GetStringPos(f.text, f.pattern, f.from, f.to, f.cs)) << f.text;
-  char text[] = " \t a-b \t ", path[] = "/opt/q/file.txt", sub[3][8] = {"zz", "zz", "zz"};
-  CUtil::Trim(text);
-  EXPECT_EQ(3, CUtil::RemoveChar(text, '-')) << "the length before removal";
-  CUtil::TrimWindowsFileName(path), CUtil::ReplaceChar(path, '/', '\\');
+  char text[] = " \t a-b \t ", path[] = "/opt/q/file.txt", sub[3][8] = {"zz", "zz", "zz"}, url[8];
+  // UrlDecode reads either case of a hex digit; RemoveChar gives the length before removal.
+  CUtil::Trim(text), CUtil::TrimWindowsFileName(path), CUtil::ReplaceChar(path, '/', '\\'), CUtil::UrlDecode("%4a+%3F", url);
   // A negative start copies nothing, not even the byte before.
   CUtil::SubString("abcdef", 2, 3, sub[0]), CUtil::SubString(&"xabc"[1], -1, 2, sub[1]), CUtil::SubString("a", 1, 0, sub[2]);
-  EXPECT_EQ("ab \\opt\\q\\ cde||", std::string(text) + " " + path + " " + sub[0] + "|" + sub[1] + "|" + sub[2]);
   std::string narrow = "xaxa";  // the search resumes after each inserted replacement
   std::wstring wide = L"xaxa";
   CUtil::find_and_replace(narrow, "a", "aa"), CUtil::find_and_replace(wide, L"xa", L"y");
@@ -56,9 +54,11 @@ TEST(CUtil, ScannersEditorsNumbersAndWideText) {
   // An odd last hex digit is ignored, lower case decodes as 0 (kept); leading
   // minus signs that cancel end the number at once (kept).
   const std::pair<long, long> rows[] = {  // {expected, result}
-      {3, CUtil::ReverseFindChar("a/b/c", '/')}, {3, CUtil::Find("abca", 'a', 1)}, {-1, CUtil::Find(nullptr, 'a', 0)},
-      {-1, CUtil::Find("abc", 'a', -1)}, {-1, CUtil::Find("abc", 'a', 3)}, {2, CUtil::FindFirstNumPos("ab0", 3)},
-      {2, CUtil::FindFirstNumPos("ab9", 9)}, {-1, CUtil::FindFirstNumPos("ab1", 2)}, {-1, CUtil::FindFirstNumPos(0, 1)},
+      {3, CUtil::RemoveChar(text, '-')}, {3, CUtil::ReverseFindChar("a/b/c", '/')}, {3, CUtil::Find("abca", 'a', 1)},
+      {-1, CUtil::Find(nullptr, 'a', 0)}, {-1, CUtil::Find("abc", 'a', -1)}, {-1, CUtil::Find("abc", 'a', 3)},
+      {2, CUtil::FindFirstNumPos("ab0", 3)}, {2, CUtil::FindFirstNumPos("ab9", 9)}, {-1, CUtil::FindFirstNumPos("ab1", 2)},
+      {-1, CUtil::FindFirstNumPos(0, 1)}, {0, CUtil::GetStringCount("", ',')}, {1, CUtil::GetStringPos("abc", "B", 0)},
+      {0, CUtil::CountLine(nullptr)}, {2, CUtil::CountLine("a\r\n\r\nb")}, {1, CUtil::CountLine("a\r\n\r\n")},
       {0, CUtil::AllIsNumber(nullptr, 1)}, {1, CUtil::AllIsNumber(digits, 2)}, {0, CUtil::AllIsNumber(digits, 3)},
       {1, CUtil::AllIsNumber(digits + 2, 0)}, {1, CUtil::CompareMemory(nullptr, "a", 0)}, {0, CUtil::IsWow64()},
       {1, CUtil::CompareMemory(abc.data(), abd.data(), 2)}, {0, CUtil::CompareMemory(abc.data(), abd.data(), 3)},
@@ -71,6 +71,7 @@ TEST(CUtil, ScannersEditorsNumbersAndWideText) {
       {-3002, CUtil::TransferSystemErrorCodeToFolivantErrorCode(2)}, {25, static_cast<long>(CUtil::atof("2.5") * 10)},
       {1, CUtil::GetLocalTime().wYear >= 2024}, {0, CUtil::GetLocalTime().wMilliseconds}};
   for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(rows[i].first, rows[i].second) << "row " << i;
+  EXPECT_EQ("ab \\opt\\q\\ cde|| J ?", std::string(text) + " " + path + " " + sub[0] + "|" + sub[1] + "|" + sub[2] + " " + url);
 
   // Fields are blocks of their own (length + 1), an empty last field is not one.
   char** fields = nullptr;
