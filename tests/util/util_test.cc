@@ -48,7 +48,7 @@ TEST(CUtil, ScannersEditorsNumbersAndWideText) {
   CUtil::find_and_replace(narrow, "a", "aa"), CUtil::find_and_replace(wide, L"xa", L"y");
   EXPECT_TRUE(narrow == "xaaxaa" && wide == L"yy") << narrow;
   unsigned char binary[2] = {9, 9};
-  char hex[8];
+  char hex[8] = "#######";  // the terminator must come from the conversion
   const auto* digits = reinterpret_cast<const unsigned char*>("12a");
   const std::string abc = "abc", abd = "abd";  // two distinct buffers
   // An odd last hex digit is ignored, lower case decodes as 0 (kept); leading
