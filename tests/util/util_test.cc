@@ -43,12 +43,12 @@ TEST(CUtil, ScannersEditorsNumbersAndWideText) {
   CUtil::Trim(text), CUtil::TrimWindowsFileName(path), CUtil::ReplaceChar(path, '/', '\\'), CUtil::UrlDecode("%4a+%3F", url);
   // A negative start copies nothing, not even the byte before.
   CUtil::SubString("abcdef", 2, 3, sub[0]), CUtil::SubString(&"xabc"[1], -1, 2, sub[1]), CUtil::SubString("a", 1, 0, sub[2]);
-  std::string narrow = "xaxa";  // the search resumes after each inserted replacement
-  std::wstring wide = L"xaxa";
+  std::string narrow = "xaxa", back, values, digitsOut;  // the search resumes after each inserted replacement
+  std::wstring wide = L"xaxa", broken, cut = L"old", none = L"old";
   CUtil::find_and_replace(narrow, "a", "aa"), CUtil::find_and_replace(wide, L"xa", L"y");
   EXPECT_TRUE(narrow == "xaaxaa" && wide == L"yy") << narrow;
   unsigned char binary[2] = {9, 9};
-  char hex[8] = "#######";  // the terminator must come from the conversion
+  char hex[8] = "#######", trim[3][5] = {"ab--", "ab", "--"};  // terminators must come from the call
   const auto* digits = reinterpret_cast<const unsigned char*>("12a");
   const std::string abc = "abc", abd = "abd";  // two distinct buffers
   // An odd last hex digit is ignored, lower case decodes as 0 (kept); leading
@@ -59,6 +59,8 @@ TEST(CUtil, ScannersEditorsNumbersAndWideText) {
       {2, CUtil::FindFirstNumPos("ab0", 3)}, {2, CUtil::FindFirstNumPos("ab9", 9)}, {-1, CUtil::FindFirstNumPos("ab1", 2)},
       {-1, CUtil::FindFirstNumPos(0, 1)}, {0, CUtil::GetStringCount("", ',')}, {1, CUtil::GetStringPos("abc", "B", 0)},
       {0, CUtil::CountLine(nullptr)}, {2, CUtil::CountLine("a\r\n\r\nb")}, {1, CUtil::CountLine("a\r\n\r\n")},
+      {1, CUtil::TrimRight(trim[0], '-')}, {0, strcmp(trim[0], "ab")}, {1, CUtil::TrimRight(trim[1], '-')},
+      {-1, CUtil::TrimRight(trim[2], '-')}, {-1, CUtil::TrimRight(nullptr, '-')}, {0, CUtil::ReverseFindChar("/ab", '/')},
       {0, CUtil::AllIsNumber(nullptr, 1)}, {1, CUtil::AllIsNumber(digits, 2)}, {0, CUtil::AllIsNumber(digits, 3)},
       {1, CUtil::AllIsNumber(digits + 2, 0)}, {1, CUtil::CompareMemory(nullptr, "a", 0)}, {0, CUtil::IsWow64()},
       {1, CUtil::CompareMemory(abc.data(), abd.data(), 2)}, {0, CUtil::CompareMemory(abc.data(), abd.data(), 3)},
@@ -91,7 +93,6 @@ TEST(CUtil, ScannersEditorsNumbersAndWideText) {
     EXPECT_EQ(!expected.empty(), CUtil::NormalizeVersion(input.c_str(), out));
     EXPECT_EQ(expected, out);
   }
-  std::string values, digitsOut;
   for (char c : std::string("0123456789:ABCDEFaG")) values += "0123456789abcdef"[CUtil::ConvertHexToBinary(c)];
   EXPECT_EQ("01234567890abcdef00", values) << "lower case decodes as 0 (kept)";
   for (int v = 0; v <= 16; ++v) digitsOut += CUtil::ConvertBinaryToHex(static_cast<unsigned char>(v));
@@ -105,10 +106,8 @@ TEST(CUtil, ScannersEditorsNumbersAndWideText) {
     EXPECT_EQ(type, CUtil::GetSupportedImageType(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()));
   // (Code points beyond the basic plane reach IdnToAscii's vectors.) Each byte
   // of a broken sequence, and a lone surrogate, becomes U+FFFD.
-  std::wstring broken, cut = L"old", none = L"old";
   CUtil::UTF8toUnicode("a\xFF" "b\xE4\xB8", broken);
   EXPECT_EQ((std::wstring{L'a', 0xFFFD, L'b', 0xFFFD, 0xFFFD}), broken);
-  std::string back;
   CUtil::UnicodeToUTF8(std::wstring{L'x', wchar_t(0xD800)}.c_str(), back);
   EXPECT_EQ("x\xEF\xBF\xBD", back);
   CUtil::UTF8toUnicode("ab\xC3\xBC" "c", 4, cut), CUtil::UTF8toUnicode(nullptr, 3, none);
